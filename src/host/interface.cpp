@@ -1,0 +1,221 @@
+#include "host/interface.h"
+
+#include "host/hold.h"
+#include "host/import.h"
+#include "host/scenefile.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace mq {
+
+namespace {
+HostInterface* gCurrent = nullptr;
+
+bool hasExtension(const fs::path& p, const char* ext) {
+    std::string e = p.extension().string();
+    std::transform(e.begin(), e.end(), e.begin(), [](unsigned char c) { return std::tolower(c); });
+    return e == ext;
+}
+} // namespace
+
+HostInterface* GetCOREInterface() { return gCurrent; }
+
+ILoad::~ILoad() {
+    for (PostLoadCallback* cb : callbacks_) delete cb;
+}
+
+void ILoad::runPostLoadCallbacks() {
+    // A callback may register more; they run too, in order.
+    for (size_t i = 0; i < callbacks_.size(); ++i) {
+        PostLoadCallback* cb = callbacks_[i];
+        callbacks_[i] = nullptr;
+        cb->proc(this); // deletes itself
+    }
+    callbacks_.clear();
+}
+
+HostInterface::HostInterface() : scene_(std::make_unique<Scene>()) { gCurrent = this; }
+
+HostInterface::~HostInterface() {
+    if (gCurrent == this) gCurrent = nullptr;
+}
+
+void HostInterface::setScene(std::unique_ptr<Scene> scene) {
+    theHold.Reset();
+    scene_ = scene ? std::move(scene) : std::make_unique<Scene>();
+}
+
+std::unique_ptr<Scene> HostInterface::takeScene() {
+    auto old = std::move(scene_);
+    scene_ = std::make_unique<Scene>();
+    return old;
+}
+
+void HostInterface::warning(const std::string& text) {
+    warnings_.push_back(text);
+    if (onWarning) onWarning(text);
+}
+
+int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool selMerged,
+                                 bool refresh, int dupAction, std::vector<std::string>* mrgList,
+                                 int dupMtlAction, int reparentAction) {
+    lastError_.clear();
+    if (!mergeAll && !mrgList) {
+        setLastError(name + ": nothing to merge (no names given)");
+        return 0;
+    }
+    if (!DoesFileExist(name)) {
+        setLastError(name + ": no such file");
+        return 0;
+    }
+    const fs::path file = fs::absolute(name);
+    try {
+        // Read everything into a scene of its own first, so a bad file merges nothing.
+        auto incoming = std::make_unique<Scene>();
+        ILoad iload;
+        if (hasExtension(file, ".mosaiq")) {
+            incoming = readSceneFile(file, iload, [this](const std::string& w) { warning(w); });
+        } else {
+            ImportedScene imported = importMeshFile(file);
+            std::vector<Node*> made(imported.nodes.size(), nullptr);
+            for (size_t i = 0; i < imported.nodes.size(); ++i) {
+                ImportedNode& in = imported.nodes[i];
+                auto node = std::make_unique<Node>(in.name);
+                node->setLocalTM(in.transform);
+                if (in.mesh) {
+                    auto* tri = new TriObject(std::move(*in.mesh));
+                    tri->source = MeshSource{file, static_cast<int>(i)};
+                    node->SetObjectRef(tri);
+                }
+                Node* parent = in.parent >= 0 ? made[in.parent] : incoming->root();
+                made[i] = parent->attachChild(std::move(node));
+            }
+        }
+
+        // Materials with names the scene has already get new names.
+        std::map<std::string, std::string> renamedMaterials;
+        for (auto& [mname, mat] : incoming->materials.items()) {
+            std::string target = mname;
+            if (scene_->materials.contains(target) && dupMtlAction == MERGE_DUP_MTL_RENAME) {
+                for (int k = 1; scene_->materials.contains(target); ++k)
+                    target = mname + "." + std::to_string(k);
+                renamedMaterials[mname] = target;
+            }
+            scene_->materials[target] = mat;
+        }
+
+        Node* root = GetRootNode();
+        while (incoming->root()->NumberOfChildren() > 0) {
+            Node* top = incoming->root()->GetChildNode(0);
+            std::unique_ptr<Node> moved = top->detach();
+            const bool wanted =
+                mergeAll || std::find(mrgList->begin(), mrgList->end(), moved->GetName()) !=
+                                mrgList->end();
+            if (!wanted) continue;
+            if (dupAction == MERGE_DUPS_SKIP && scene_->findNode(moved->GetName())) continue;
+            if (dupAction == MERGE_DUPS_DELOLD) {
+                if (Node* old = scene_->findNode(moved->GetName())) DeleteNode(old, false);
+            }
+            // Names as in the file, made unique against the scene.
+            moved->forEach([&](Node* n) {
+                n->SetName(scene_->uniqueName(n->GetName()));
+                auto it = renamedMaterials.find(n->material());
+                if (it != renamedMaterials.end()) n->setMaterial(it->second);
+            });
+            root->attachChild(std::move(moved));
+        }
+        iload.runPostLoadCallbacks();
+        return 1;
+    } catch (const std::exception& e) {
+        setLastError(e.what());
+        return 0;
+    }
+}
+
+void HostInterface::DeleteNode(Node* node, bool redraw, bool overrideSlaves) {
+    if (!node || node->IsRootNode()) return;
+    Node* parent = node->GetParentNode();
+    // Children stay where they are in the world, under the deleted node's parent.
+    while (node->NumberOfChildren() > 0) {
+        Node* child = node->GetChildNode(0);
+        const Matrix3 world = child->GetNodeTM(0);
+        Node* moved = parent->attachChild(child->detach());
+        moved->SetNodeTM(0, world);
+    }
+    std::unique_ptr<Node> gone = node->detach();
+}
+
+std::string HostInterface::GetDir(int which) {
+    if (which != APP_PLUGCFG_DIR) return {};
+    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
+        return (fs::path(xdg) / "mosaiq").string();
+    if (const char* home = std::getenv("HOME"); home && *home)
+        return (fs::path(home) / ".config" / "mosaiq").string();
+    return (fs::temp_directory_path() / "mosaiq").string();
+}
+
+bool HostInterface::DoesFileExist(const std::string& path) {
+    std::error_code ec;
+    return !path.empty() && fs::is_regular_file(path, ec);
+}
+
+bool HostInterface::IsDirectory(const std::string& path) {
+    std::error_code ec;
+    return !path.empty() && fs::is_directory(path, ec);
+}
+
+int HostInterface::AddRollupPage(int dialogResource, const std::string& title,
+                                 ParamMap2UserDlgProc* proc, int flags, int category) {
+    RollupPage page;
+    page.id = nextPageId_++;
+    page.dialogResource = dialogResource;
+    page.title = title;
+    page.flags = flags;
+    page.category = category;
+    pages_.push_back(page);
+    return page.id;
+}
+
+void HostInterface::SetDlgItemText(int page, int control, const std::string& text) {
+    for (RollupPage& p : pages_)
+        if (p.id == page) p.controlTexts.emplace_back(control, text);
+}
+
+void HostInterface::RegisterDlgWnd(int page) {
+    for (RollupPage& p : pages_)
+        if (p.id == page) p.registered = true;
+}
+
+int HostInterface::UnRegisterDlgWnd(int page) {
+    for (RollupPage& p : pages_) {
+        if (p.id == page && p.registered) {
+            p.registered = false;
+            return 1;
+        }
+    }
+    return 0;
+}
+
+void HostInterface::DeleteRollupPage(int page) {
+    pages_.erase(std::remove_if(pages_.begin(), pages_.end(),
+                                [&](const RollupPage& p) { return p.id == page; }),
+                 pages_.end());
+}
+
+const RollupPage* HostInterface::findRollupPage(int page) const {
+    for (const RollupPage& p : pages_)
+        if (p.id == page) return &p;
+    return nullptr;
+}
+
+void HostInterface::DeleteMode(CommandMode* mode) {
+    modes_.erase(std::remove(modes_.begin(), modes_.end(), mode), modes_.end());
+}
+
+} // namespace mq

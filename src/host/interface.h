@@ -1,0 +1,147 @@
+// The host interface plug-ins talk to: the scene, merging files, deleting
+// nodes, folders, rollup pages and command modes, and scene loading hooks.
+#pragma once
+
+#include "host/node.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace mq {
+
+class ILoad;
+class ParamMap2UserDlgProc;
+
+// Run by the scene loader once the whole scene is loaded; deletes itself
+// (or is deleted by the loader when proc is never reached).
+class PostLoadCallback {
+public:
+    virtual ~PostLoadCallback() = default;
+    virtual void proc(ILoad* iload) = 0;
+};
+
+// What an object's Load sees of the loader.
+class ILoad {
+public:
+    // The loader takes ownership and runs the callback after the scene is loaded.
+    void RegisterPostLoadCallback(PostLoadCallback* cb) { callbacks_.emplace_back(cb); }
+    // Run and free every registered callback, in registration order.
+    void runPostLoadCallbacks();
+    ~ILoad();
+
+private:
+    std::vector<PostLoadCallback*> callbacks_;
+};
+
+class ISave {};
+
+// An interactive mode of the viewports (move, rotate, scale the crop box...).
+class CommandMode {
+public:
+    virtual ~CommandMode() = default;
+    virtual const char* name() const = 0;
+};
+
+// Merge options.
+inline constexpr int MERGE_DUPS_PROMPT = 0;
+inline constexpr int MERGE_DUPS_MERGE = 1;
+inline constexpr int MERGE_DUPS_SKIP = 2;
+inline constexpr int MERGE_DUPS_DELOLD = 3;
+inline constexpr int MERGE_DUPS_RENAME = 1000;
+inline constexpr int MERGE_DUP_MTL_RENAME = MERGE_DUPS_RENAME;
+inline constexpr int MERGE_REPARENT_PROMPT = 0;
+inline constexpr int MERGE_REPARENT_ALWAYS = 1;
+inline constexpr int MERGE_REPARENT_NEVER = 2;
+
+// Folder ids for GetDir.
+inline constexpr int APP_PLUGCFG_DIR = 20; // the host's configuration folder
+
+// Rollup page flags.
+inline constexpr int APPENDROLL_CLOSED = 1;
+
+// A rollup page the host shows beside the viewports. Without a UI the host
+// keeps the record so commands and tests can see what was opened.
+struct RollupPage {
+    int id = 0;
+    int dialogResource = 0;
+    std::string title;
+    int flags = 0;
+    int category = 0;
+    bool registered = false;
+    std::vector<std::pair<int, std::string>> controlTexts; // control id, text
+};
+
+class HostInterface {
+public:
+    HostInterface();
+    virtual ~HostInterface();
+
+    Scene& scene() { return *scene_; }
+    Node* GetRootNode() { return scene_->root(); }
+    // Replace the scene (a new or loaded one); forgets the undo history.
+    void setScene(std::unique_ptr<Scene> scene);
+    std::unique_ptr<Scene> takeScene();
+
+    // Merge a mesh file or a scene file into the scene: its top-level nodes
+    // are appended under the root, names made unique. Returns 1 on success,
+    // 0 on failure with the reason in lastError(). With mergeAll false and no
+    // name list nothing is merged (there is nobody to ask).
+    virtual int MergeFromFile(const std::string& name, bool mergeAll = false,
+                              bool selMerged = false, bool refresh = true,
+                              int dupAction = MERGE_DUPS_PROMPT,
+                              std::vector<std::string>* mrgList = nullptr,
+                              int dupMtlAction = MERGE_DUPS_PROMPT,
+                              int reparentAction = MERGE_REPARENT_PROMPT);
+    // Delete a node and its children's links: children move to the node's parent.
+    virtual void DeleteNode(Node* node, bool redraw = true, bool overrideSlaves = false);
+    // A host folder; APP_PLUGCFG_DIR is $XDG_CONFIG_HOME/mosaiq (or ~/.config/mosaiq).
+    virtual std::string GetDir(int which);
+    virtual bool DoesFileExist(const std::string& path);
+    virtual bool IsDirectory(const std::string& path);
+    const std::string& lastError() const { return lastError_; }
+
+    // True when no user sees the host (command line, render node, tests).
+    bool RunningWithoutUI() const { return withoutUI_; }
+    void SetRunningWithoutUI(bool on) { withoutUI_ = on; }
+
+    // Warnings for the user (clamped values, skipped plug-ins...).
+    void warning(const std::string& text);
+    std::function<void(const std::string&)> onWarning;
+    const std::vector<std::string>& warnings() const { return warnings_; }
+
+    // Rollup pages and their dialog windows.
+    int AddRollupPage(int dialogResource, const std::string& title, ParamMap2UserDlgProc* proc,
+                      int flags = 0, int category = 0);
+    void SetDlgItemText(int page, int control, const std::string& text);
+    void RegisterDlgWnd(int page);
+    int UnRegisterDlgWnd(int page);
+    void DeleteRollupPage(int page);
+    const std::vector<RollupPage>& rollupPages() const { return pages_; }
+    const RollupPage* findRollupPage(int page) const;
+
+    // Command modes the user can enter; the interface does not own them.
+    void AddCommandMode(CommandMode* mode) { modes_.push_back(mode); }
+    void DeleteMode(CommandMode* mode);
+    const std::vector<CommandMode*>& commandModes() const { return modes_; }
+
+protected:
+    void setLastError(std::string e) { lastError_ = std::move(e); }
+
+private:
+    std::unique_ptr<Scene> scene_;
+    std::string lastError_;
+    bool withoutUI_ = true;
+    std::vector<std::string> warnings_;
+    std::vector<RollupPage> pages_;
+    int nextPageId_ = 1;
+    std::vector<CommandMode*> modes_;
+};
+
+// The interface of the running host; null before one is made. The newest
+// HostInterface becomes the current one; destroying it clears it.
+HostInterface* GetCOREInterface();
+
+} // namespace mq
