@@ -1,0 +1,189 @@
+#include "host/classdesc.h"
+#include "host/interface.h"
+#include "host/plugins.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace fs = std::filesystem;
+
+namespace mq {
+namespace {
+
+fs::path tempDir(const std::string& name) {
+    fs::path dir = fs::temp_directory_path() / ("mosaiq-scene-test-" + name);
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    return dir;
+}
+
+TEST(Scene, UniqueNamesCountUpFromTheStrippedBase) {
+    Scene scene;
+    EXPECT_EQ(scene.uniqueName("Box"), "Box");
+    scene.root()->attachChild(std::make_unique<Node>("Box"));
+    EXPECT_EQ(scene.uniqueName("Box"), "Box001");
+    scene.root()->attachChild(std::make_unique<Node>("Box001"));
+    EXPECT_EQ(scene.uniqueName("Box"), "Box002");
+    EXPECT_EQ(scene.uniqueName("Box001"), "Box002");
+    EXPECT_EQ(scene.uniqueName(""), "Object001");
+}
+
+TEST(Scene, WorldTransformsChainThroughParents) {
+    Scene scene;
+    Node* parent = scene.root()->attachChild(std::make_unique<Node>("P"));
+    parent->setLocalTM(TransMatrix({10, 0, 0}));
+    Node* child = parent->attachChild(std::make_unique<Node>("C"));
+    child->setLocalTM(RotateZMatrix(1.5707964f) * TransMatrix({0, 5, 0}));
+    const Point3 p = Point3(1, 0, 0) * child->GetNodeTM(0);
+    EXPECT_NEAR(p.x, 10, 1e-5f);
+    EXPECT_NEAR(p.y, 6, 1e-5f);
+
+    child->SetNodeTM(0, TransMatrix({3, 3, 3}));
+    EXPECT_EQ(child->localTM().GetTrans(), Point3(-7, 3, 3));
+}
+
+TEST(HostInterfaceTest, DeleteNodeKeepsChildrenInPlaceAndClearsReferences) {
+    HostInterface ip;
+    Node* a = ip.GetRootNode()->attachChild(std::make_unique<Node>("A"));
+    a->setLocalTM(TransMatrix({1, 2, 3}));
+    Node* b = a->attachChild(std::make_unique<Node>("B"));
+    b->setLocalTM(TransMatrix({10, 0, 0}));
+    const Node::Handle handleA = a->GetHandle();
+
+    ip.DeleteNode(a);
+    EXPECT_EQ(Node::fromHandle(handleA), nullptr);
+    ASSERT_EQ(ip.GetRootNode()->NumberOfChildren(), 1);
+    EXPECT_EQ(ip.GetRootNode()->GetChildNode(0), b);
+    EXPECT_EQ(b->GetNodeTM(0).GetTrans(), Point3(11, 2, 3));
+    ip.DeleteNode(ip.GetRootNode()); // the root stays
+    EXPECT_EQ(ip.GetRootNode()->NumberOfChildren(), 1);
+}
+
+TEST(HostInterfaceTest, MergeAppendsTopLevelNodesWithUniqueNames) {
+    const fs::path dir = tempDir("merge");
+    const fs::path obj = dir / "two.obj";
+    std::ofstream(obj) << "o Box\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
+                          "o Other\nv 0 0 1\nv 1 0 1\nv 0 1 1\nf 4 5 6\n";
+    HostInterface ip;
+    ip.GetRootNode()->attachChild(std::make_unique<Node>("Box"));
+
+    ASSERT_EQ(ip.MergeFromFile(obj.string(), true, false, false, MERGE_DUPS_RENAME, nullptr,
+                               MERGE_DUP_MTL_RENAME, MERGE_REPARENT_ALWAYS),
+              1)
+        << ip.lastError();
+    const int after = ip.GetRootNode()->NumberOfChildren();
+    EXPECT_GE(after, 3);
+    std::vector<std::string> names;
+    for (Node* n : ip.scene().allNodes()) names.push_back(n->GetName());
+    std::sort(names.begin(), names.end());
+    EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end())
+        << "merged names are unique";
+
+    // Every merged mesh converts to a triangle mesh and remembers its file.
+    int meshes = 0;
+    for (Node* n : ip.scene().allNodes()) {
+        auto* tri = dynamic_cast<TriObject*>(n->GetObjectRef());
+        if (!tri) continue;
+        ++meshes;
+        EXPECT_EQ(tri->source.file, fs::absolute(obj));
+        EXPECT_TRUE(meshOfObject(n->EvalWorldState(0).obj, 0).has_value());
+    }
+    EXPECT_EQ(meshes, 2);
+}
+
+TEST(HostInterfaceTest, FailedMergeChangesNothing) {
+    const fs::path dir = tempDir("merge-bad");
+    std::ofstream(dir / "garbage.obj") << "this is not a mesh \x01\x02\n";
+    HostInterface ip;
+    ip.GetRootNode()->attachChild(std::make_unique<Node>("Keep"));
+    for (const fs::path& bad : {dir / "missing.obj", dir / "garbage.obj", dir}) {
+        EXPECT_EQ(ip.MergeFromFile(bad.string(), true), 0) << bad;
+        EXPECT_NE(ip.lastError().find(bad.filename().string()), std::string::npos)
+            << ip.lastError();
+        EXPECT_EQ(ip.GetRootNode()->NumberOfChildren(), 1);
+    }
+    EXPECT_EQ(ip.MergeFromFile((dir / "garbage.obj").string(), false), 0)
+        << "nothing is merged without merge-all or a name list";
+}
+
+TEST(HostInterfaceTest, ConfigFolderFollowsXdg) {
+    HostInterface ip;
+    setenv("XDG_CONFIG_HOME", "/tmp/xdg-test", 1);
+    EXPECT_EQ(ip.GetDir(APP_PLUGCFG_DIR), "/tmp/xdg-test/mosaiq");
+    unsetenv("XDG_CONFIG_HOME");
+    EXPECT_TRUE(ip.IsDirectory("/tmp"));
+    EXPECT_FALSE(ip.DoesFileExist("/tmp"));
+}
+
+TEST(HostInterfaceTest, RollupPagesAndPostLoadCallbacks) {
+    HostInterface ip;
+    const int page = ip.AddRollupPage(116, "About", nullptr, APPENDROLL_CLOSED, 4000);
+    ip.RegisterDlgWnd(page);
+    ASSERT_NE(ip.findRollupPage(page), nullptr);
+    EXPECT_TRUE(ip.findRollupPage(page)->registered);
+    EXPECT_EQ(ip.UnRegisterDlgWnd(page), 1);
+    ip.DeleteRollupPage(page);
+    EXPECT_EQ(ip.findRollupPage(page), nullptr);
+
+    struct Cb : PostLoadCallback {
+        int* runs;
+        explicit Cb(int* r) : runs(r) {}
+        void proc(ILoad*) override {
+            ++*runs;
+            delete this;
+        }
+    };
+    int runs = 0;
+    {
+        ILoad iload;
+        iload.RegisterPostLoadCallback(new Cb(&runs));
+        iload.RegisterPostLoadCallback(new Cb(&runs));
+        iload.runPostLoadCallbacks();
+    }
+    EXPECT_EQ(runs, 2);
+    ILoad never; // callbacks that never run are freed with the loader
+    never.RegisterPostLoadCallback(new Cb(&runs));
+}
+
+TEST(ClassRegistry, BuiltinPrimitivesConvertToMeshes) {
+    for (ClassId cid : {PLANE_CLASS_ID, BOXOBJ_CLASS_ID, SPHERE_CLASS_ID, TORUS_CLASS_ID,
+                        CYLINDER_CLASS_ID}) {
+        Object* obj = createObject(GEOMOBJECT_CLASS_ID, cid);
+        ASSERT_NE(obj, nullptr);
+        EXPECT_EQ(obj->CanConvertToType(TRIOBJ_CLASS_ID), 1);
+        auto mesh = meshOfObject(obj, 0);
+        ASSERT_TRUE(mesh);
+        EXPECT_GT(mesh->getNumFaces(), 0) << obj->GetClassName();
+        EXPECT_TRUE(mesh->mapSupport(1));
+        obj->DeleteThis();
+    }
+    EXPECT_EQ(createObject(GEOMOBJECT_CLASS_ID, ClassId(1, 2)), nullptr);
+    EXPECT_NE(classDirectory().findByInternalName("Sphere"), nullptr);
+}
+
+TEST(PluginLoader, BrokenLibrariesAreSkippedWithTheirReason) {
+    const fs::path dir = tempDir("plugins");
+    std::ofstream(dir / "garbage.dlo") << "not an ELF file";
+    for (const char* name : {"fake_wrong_version.dlo", "fake_no_init.dlo", "fake_init_fails.dlo"})
+        fs::copy_file(fs::path(MOSAIQ_FAKE_PLUGIN_DIR) / name, dir / name);
+
+    PluginManager pm;
+    const std::vector<std::string> msgs = pm.loadFolder(dir);
+    ASSERT_EQ(msgs.size(), 4u);
+    auto has = [&](const char* file, const char* why) {
+        for (const std::string& m : msgs)
+            if (m.find(file) != std::string::npos && m.find(why) != std::string::npos) return true;
+        return false;
+    };
+    EXPECT_TRUE(has("garbage.dlo", "cannot be loaded"));
+    EXPECT_TRUE(has("fake_wrong_version.dlo", "0x12345678"));
+    EXPECT_TRUE(has("fake_no_init.dlo", "LibInitialize"));
+    EXPECT_TRUE(has("fake_init_fails.dlo", "LibInitialize failed"));
+    EXPECT_TRUE(pm.libraries().empty());
+    EXPECT_EQ(pm.loadFolder(dir / "nope").size(), 1u);
+}
+
+} // namespace
+} // namespace mq
