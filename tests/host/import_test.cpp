@@ -1,0 +1,311 @@
+#include "host/import.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <fstream>
+#include <map>
+#include <set>
+
+namespace mq {
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kModels = "/usr/share/assimp/models";
+
+void expectNear(const Point3& a, const Point3& b, float eps = 1e-5f) {
+    EXPECT_NEAR(a.x, b.x, eps);
+    EXPECT_NEAR(a.y, b.y, eps);
+    EXPECT_NEAR(a.z, b.z, eps);
+}
+
+// Writes small files into a fresh folder that is removed afterwards.
+class ImportFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        dir_ = fs::temp_directory_path() /
+               ("mq_import_" + std::to_string(getpid()) + "_" + info->name());
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    fs::path write(const std::string& name, const std::string& text) {
+        const fs::path p = dir_ / name;
+        std::ofstream(p, std::ios::binary) << text;
+        return p;
+    }
+
+    fs::path dir_;
+};
+
+const ImportedNode& nodeNamed(const ImportedScene& s, const std::string& name) {
+    for (const ImportedNode& n : s.nodes) {
+        if (n.name == name) return n;
+    }
+    throw std::runtime_error("no node " + name);
+}
+
+// Depth first, parents first: each node's parent is the node before it or one
+// of that node's ancestors.
+void expectDepthFirst(const ImportedScene& s) {
+    for (int i = 0; i < static_cast<int>(s.nodes.size()); ++i) {
+        ASSERT_LT(s.nodes[i].parent, i);
+        int a = i - 1;
+        while (a != -1 && a != s.nodes[i].parent) a = s.nodes[a].parent;
+        EXPECT_EQ(a, s.nodes[i].parent) << "node " << i;
+    }
+}
+
+TEST_F(ImportFiles, SeamWeldsPositionsButKeepsUvCorners) {
+    // A unit quad in the file's XY plane whose second triangle uses its own UVs.
+    const fs::path obj = write("quad.obj",
+                               "v 0 0 0 1 0 0\nv 1 0 0 0 1 0\nv 1 1 0 0 0 1\nv 0 1 0 1 1 1\n"
+                               "vt 0 0\nvt 0.5 0\nvt 0.5 1\nvt 0.5 0.5\nvt 1 0.5\nvt 1 1\n"
+                               "f 1/1 2/2 3/3\nf 1/4 3/5 4/6\n");
+    const ImportedScene scene = importMeshFile(obj);
+    ASSERT_EQ(scene.nodes.size(), 1u);
+    const ImportedNode& node = scene.nodes[0];
+    ASSERT_TRUE(node.mesh);
+    const Mesh& mesh = *node.mesh;
+    EXPECT_EQ(mesh.verts.size(), 4u);
+    ASSERT_EQ(mesh.faces.size(), 2u);
+    ASSERT_TRUE(mesh.validate().empty());
+    ASSERT_TRUE(mesh.Map(1).supported);
+    EXPECT_EQ(mesh.Map(1).verts.size(), 6u);
+    ASSERT_TRUE(mesh.Map(0).supported);
+    // No normals in the file: the host smooths them from smoothing group 1.
+    EXPECT_TRUE(!mesh.GetSpecifiedNormals() || !mesh.GetSpecifiedNormals()->IsExplicit());
+
+    // Every corner pairs the file's position with the file's UV.
+    const std::map<std::pair<float, float>, std::set<std::pair<float, float>>> expected = {
+        {{0, 0}, {{0, 0}, {0.5f, 0.5f}}},
+        {{1, 0}, {{0.5f, 0}}},
+        {{1, 1}, {{0.5f, 1}, {1, 0.5f}}},
+        {{0, 1}, {{1, 1}}}};
+    std::map<std::pair<float, float>, std::set<std::pair<float, float>>> seen;
+    for (size_t f = 0; f < mesh.faces.size(); ++f) {
+        EXPECT_EQ(mesh.faces[f].smGroup, 1u);
+        for (int k = 0; k < 3; ++k) {
+            const Point3 p = mesh.verts[mesh.faces[f].v[k]];
+            const Point3 uv = mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]];
+            const Point3 rgb = mesh.Map(0).verts[mesh.Map(0).faces[f].t[k]];
+            EXPECT_EQ(p.z, 0.0f);
+            // Each corner's colour is the one written after its position.
+            EXPECT_EQ(rgb, p.x == 0 && p.y == 0   ? Point3(1, 0, 0)
+                           : p.x == 1 && p.y == 0 ? Point3(0, 1, 0)
+                           : p.x == 1             ? Point3(0, 0, 1)
+                                                  : Point3(1, 1, 1));
+            seen[{p.x, p.y}].insert({uv.x, uv.y});
+        }
+    }
+    EXPECT_EQ(seen, expected);
+
+    // OBJ is Y-up: the file's +Y ends up along +Z, the quad lies in XZ.
+    expectNear(Point3(0, 1, 0) * node.transform, Point3(0, 0, 1));
+    expectNear(Point3(0, 0, 1) * node.transform, Point3(0, -1, 0));
+    const Box3 box = mesh.getBoundingBox(&node.transform);
+    expectNear(box.pmin, Point3(0, 0, 0));
+    expectNear(box.pmax, Point3(1, 0, 1));
+}
+
+TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
+    write("m.mtl", "newmtl red\nnewmtl green\nnewmtl blue\n");
+    // B: three triangles in the XY plane, one per material; UVs equal the
+    // positions, the blue one has no normals.
+    const fs::path obj = write("two.obj",
+                               "mtllib m.mtl\n"
+                               "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nv 0 2 0\n"
+                               "vt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\nvt 0 2\nvn 0 0 1\nvn 0.6 0 0.8\n"
+                               "o A\nusemtl red\nf 1//1 2//1 3//1\n"
+                               "o B\nusemtl red\nf 1/1/1 2/2/1 3/3/1\n"
+                               "usemtl green\nf 1/1/2 3/3/2 4/4/2\nusemtl blue\nf 3/3 5/5 4/4\n");
+    const ImportedScene scene = importMeshFile(obj);
+    ASSERT_EQ(scene.nodes.size(), 2u);
+    const ImportedNode& a = nodeNamed(scene, "A");
+    const ImportedNode& b = nodeNamed(scene, "B");
+    EXPECT_EQ(a.parent, -1);
+    EXPECT_EQ(b.parent, -1);
+    ASSERT_TRUE(a.mesh && b.mesh);
+    EXPECT_EQ(a.mesh->faces.size(), 1u);
+
+    // B's materials arrive as three Assimp meshes; they merge and weld.
+    const Mesh& mesh = *b.mesh;
+    EXPECT_EQ(mesh.verts.size(), 5u);
+    ASSERT_EQ(mesh.faces.size(), 3u);
+    ASSERT_TRUE(mesh.validate().empty());
+    const MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
+    ASSERT_TRUE(spec && spec->IsExplicit());
+    ASSERT_EQ(spec->GetNumFaces(), 3);
+    // File normals are explicit per-corner normals; the blue face gets smooth
+    // ones from the geometry, here the plane's.
+    const std::map<std::string, Point3> normalOf = {
+        {"red", {0, 0, 1}}, {"green", {0.6f, 0, 0.8f}}, {"blue", {0, 0, 1}}};
+    std::set<std::string> names;
+    for (int f = 0; f < 3; ++f) {
+        ASSERT_LT(mesh.faces[f].getMatID(), scene.materialNames.size());
+        const std::string& name = scene.materialNames[mesh.faces[f].getMatID()];
+        ASSERT_TRUE(normalOf.contains(name)) << name;
+        names.insert(name);
+        // Each part's UVs and normals stay with its own corners.
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]], mesh.verts[mesh.faces[f].v[k]]);
+            expectNear(spec->Normal(spec->GetNormalIndex(f, k)), normalOf.at(name));
+        }
+    }
+    EXPECT_EQ(names.size(), 3u);
+}
+
+TEST_F(ImportFiles, BadFilesThrowNamingTheFile) {
+    const std::vector<fs::path> bad = {
+        dir_ / "missing.obj",
+        dir_,
+        write("empty.obj", ""),
+        write("garbage.obj", std::string("\x7f\x01\xff garbage\0\n f 9 9 9\n", 22)),
+        write("garbage.glb", std::string("glTF\x02\0\0\0 not really", 19)),
+        write("lines.obj", "v 0 0 0\nv 1 0 0\nl 1 2\n"),
+        write("allnan.obj", "v nan 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"),
+    };
+    for (const fs::path& p : bad) {
+        try {
+            importMeshFile(p);
+            ADD_FAILURE() << "no error for " << p;
+        } catch (const ImportError& e) {
+            EXPECT_NE(std::string(e.what()).find(p.string()), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST_F(ImportFiles, NonFinitePositionsDropOnlyTheirFaces) {
+    const fs::path obj = write("nan.obj",
+                               "v 0 0 0\nv 1 0 0\nv 1 1 0\nv nan 1 0\nv 0 inf 0\n"
+                               "f 1 2 3\nf 1 3 4\nf 1 5 2\n");
+    const ImportedScene scene = importMeshFile(obj);
+    ASSERT_EQ(scene.nodes.size(), 1u);
+    ASSERT_TRUE(scene.nodes[0].mesh);
+    const Mesh& mesh = *scene.nodes[0].mesh;
+    EXPECT_EQ(mesh.faces.size(), 1u);
+    EXPECT_EQ(mesh.verts.size(), 3u);
+    EXPECT_TRUE(mesh.validate().empty());
+}
+
+TEST(ImportGltf, TwoUvSetsNormalsAndEmptyNodes) {
+    const fs::path file = kModels / "glTF2/BoxTexcoords-glTF/boxTexcoords.gltf";
+    if (!fs::exists(file)) GTEST_SKIP() << file << " not installed";
+    const ImportedScene scene = importMeshFile(file);
+
+    const ImportedNode& cube = nodeNamed(scene, "Cube");
+    ASSERT_TRUE(cube.mesh);
+    const Mesh& mesh = *cube.mesh;
+    ASSERT_TRUE(mesh.validate().empty());
+    EXPECT_EQ(mesh.verts.size(), 8u);
+    EXPECT_EQ(mesh.faces.size(), 12u);
+    EXPECT_TRUE(mesh.Map(1).supported);
+    EXPECT_TRUE(mesh.Map(2).supported);
+    EXPECT_FALSE(mesh.Map(3).supported);
+
+    // The file's normals agree with the winding at every corner.
+    const MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
+    ASSERT_TRUE(spec && spec->IsExplicit());
+    for (int f = 0; f < mesh.getNumFaces(); ++f) {
+        const Face& face = mesh.faces[f];
+        const Point3 n = Normalize(CrossProd(mesh.verts[face.v[1]] - mesh.verts[face.v[0]],
+                                             mesh.verts[face.v[2]] - mesh.verts[face.v[0]]));
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_GT(DotProd(n, spec->Normal(spec->GetNormalIndex(f, k))), 0.99f);
+        }
+    }
+
+    // Lights and cameras stay as empty nodes; the Y-up translation turns Z-up.
+    const ImportedNode& light = nodeNamed(scene, "Light");
+    EXPECT_FALSE(light.mesh);
+    EXPECT_EQ(light.parent, -1);
+    expectNear(light.transform.GetTrans(), Point3(4.076245f, 1.005454f, 5.903862f), 1e-4f);
+}
+
+TEST(ImportGltf, RootTransformFoldsIntoTopLevelNodes) {
+    // This box's root node turns Z-up to Y-up; with our Y-up to Z-up on top the
+    // mesh node ends up untransformed.
+    const fs::path file = kModels / "glTF2/BoxTextured-glTF/BoxTextured.gltf";
+    if (!fs::exists(file)) GTEST_SKIP() << file << " not installed";
+    const ImportedScene scene = importMeshFile(file);
+    ASSERT_EQ(scene.nodes.size(), 1u);
+    const ImportedNode& node = scene.nodes[0];
+    ASSERT_TRUE(node.mesh);
+    for (int i = 0; i < 4; ++i) expectNear(node.transform[i], Matrix3()[i]);
+    EXPECT_TRUE(node.mesh->Map(1).supported);
+    EXPECT_EQ(scene.materialNames[node.mesh->faces[0].getMatID()], "Texture");
+}
+
+TEST(ImportGltf, HierarchyKeepsLocalTransforms) {
+    // The root holds the mesh here, so it is the one top-level node; only it
+    // carries the turn to Z-up, its descendants keep their own transforms.
+    const fs::path skin = kModels / "glTF2/simple_skin/simple_skin.gltf";
+    const fs::path nested = kModels / "glTF2/textureTransform/TextureTransformTest.gltf";
+    if (!fs::exists(skin) || !fs::exists(nested)) GTEST_SKIP() << "glTF2 models not installed";
+    const ImportedScene scene = importMeshFile(skin);
+    ASSERT_EQ(scene.nodes.size(), 3u);
+    EXPECT_EQ(scene.nodes[0].parent, -1);
+    EXPECT_EQ(scene.nodes[1].parent, 0);
+    EXPECT_EQ(scene.nodes[2].parent, 1);
+    EXPECT_TRUE(scene.nodes[0].mesh && !scene.nodes[1].mesh);
+    expectNear(Point3(0, 1, 0) * scene.nodes[0].transform, Point3(0, 0, 1));
+    expectNear(scene.nodes[1].transform.GetTrans(), Point3(0, 1, 0));
+    expectDepthFirst(scene);
+    expectDepthFirst(importMeshFile(nested));
+}
+
+TEST(ImportFbx, StatedZUpIsKept) {
+    // A box from 3ds Max standing on z = 0, 47.24 inches tall, scaled to metres.
+    const fs::path file = kModels / "FBX/embedded_ascii/box.FBX";
+    if (!fs::exists(file)) GTEST_SKIP() << file << " not installed";
+    const ImportedScene scene = importMeshFile(file);
+    const ImportedNode& box = nodeNamed(scene, "Box001");
+    ASSERT_TRUE(box.mesh);
+    const Box3 bounds = box.mesh->getBoundingBox(&box.transform);
+    EXPECT_NEAR(bounds.pmin.z, 0.0f, 1e-4f);
+    EXPECT_NEAR(bounds.pmax.z, 1.2f, 1e-4f);
+    EXPECT_NEAR(bounds.pmin.y, -0.6f, 1e-4f);
+}
+
+TEST(ImportInvalid, NeverCrashes) {
+    std::vector<fs::path> files;
+    for (const char* dir :
+         {"invalid", "glTF2/IndexOutOfRange", "glTF2/BoxWithInfinites-glTF-Binary",
+          "glTF2/RecursiveNodes", "glTF2/MissingBin", "glTF2/wrongTypes", "glTF2/SchemaFailures",
+          "OFF/invalid.off"}) {
+        const fs::path p = kModels / dir;
+        if (fs::is_regular_file(p)) files.push_back(p);
+        if (!fs::is_directory(p)) continue;
+        for (const auto& e : fs::recursive_directory_iterator(p)) {
+            if (e.is_regular_file()) files.push_back(e.path());
+        }
+    }
+    if (files.empty()) GTEST_SKIP() << "assimp test models not installed";
+    for (const fs::path& p : files) {
+        try {
+            const ImportedScene scene = importMeshFile(p);
+            expectDepthFirst(scene);
+            for (const ImportedNode& n : scene.nodes) {
+                if (n.mesh) {
+                    EXPECT_TRUE(n.mesh->validate().empty()) << p;
+                }
+            }
+        } catch (const ImportError& e) {
+            EXPECT_NE(std::string(e.what()).find(p.string()), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(ImportExtensions, ByAssimpReaders) {
+    EXPECT_TRUE(isImportableMeshFile("a/b/model.obj"));
+    EXPECT_TRUE(isImportableMeshFile("model.GLB"));
+    EXPECT_TRUE(isImportableMeshFile("model.fbx"));
+    EXPECT_FALSE(isImportableMeshFile("notes.txt"));
+    EXPECT_FALSE(isImportableMeshFile("model"));
+    EXPECT_FALSE(isImportableMeshFile(".obj"));  // a hidden file, not an extension
+}
+
+}  // namespace
+}  // namespace mq
