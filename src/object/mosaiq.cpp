@@ -1,0 +1,195 @@
+#include "object/mosaiq.h"
+
+#include "host/node.h"
+#include "object/cropmodes.h"
+#include "plugin/about.h"
+#include "plugin/classdesc.h"
+#include "plugin/entry.h"
+#include "plugin/params.h"
+#include "plugin/postload.h"
+#include "plugin/resource.h"
+#include "plugin/stringtable.h"
+
+namespace mosaiq {
+
+using namespace mq;
+
+namespace {
+
+// The interface of the object being edited.
+HostInterface* gEditIp = nullptr;
+
+}  // namespace
+
+Mosaiq::Mosaiq() {
+    gEditIp = nullptr;
+    GetMosaiqDesc().MakeAutoParamBlocks(this);
+    aboutPage_ = 0;
+    if (pblock_) {
+        pblock_->SetValue(kCropTransform, 0, Matrix3());
+        // Deliberately a bare root, not a file: nothing loads until one is chosen.
+        pblock_->SetValue(kPatternFile, 0, "/");
+    }
+    // No current interface counts as running without one.
+    const HostInterface* core = GetCOREInterface();
+    if (core && !core->RunningWithoutUI()) InitParamBlockUI(&patternPBDesc());
+}
+
+Mosaiq::~Mosaiq() {
+    ClearParamBlockUI(&patternPBDesc());
+    DeleteAllRefs();
+}
+
+HostInterface* Mosaiq::editInterface() { return gEditIp; }
+
+void Mosaiq::resetCropBox(bool withUndo) {}
+
+bool Mosaiq::loadPatternFile() {
+    ++loadPatternFileCalls_;
+    return false;
+}
+
+Animatable* Mosaiq::SubAnim(int i) { return pblock_; }
+
+std::string Mosaiq::SubAnimName(int i) {
+    const char* name = GetString(kStrBaseParameters);
+    return name ? name : "";
+}
+
+ClassId Mosaiq::ClassID() const { return kMosaiqClassId; }
+
+ReferenceTarget* Mosaiq::GetReference(int i) { return pblock_; }
+
+void Mosaiq::SetReference(int i, ReferenceTarget* target) {
+    pblock_ = dynamic_cast<ParamBlock*>(target);
+    // A cloned or loaded block may still name another owner; its accessor must reach us.
+    if (pblock_) pblock_->SetOwner(this);
+}
+
+ReferenceTarget* Mosaiq::Clone(RemapDir& remap) {
+    try {
+        auto* copy = new Mosaiq();
+        copy->ReplaceReference(0, remap.CloneRef(pblock_));
+        BaseClone(this, copy, remap);
+        return copy;
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+Interval Mosaiq::ObjectValidity(TimeValue t) {
+    try {
+        refreshWorkingCopy(t);
+    } catch (...) {
+        // A host callback: nothing leaves it; the copy keeps what it had.
+    }
+    return Interval(t, t);
+}
+
+// Every setting except the pattern node is read at time 0: none is animatable.
+void Mosaiq::refreshWorkingCopy(TimeValue t) {
+    if (!pblock_) return;
+    Interval valid = FOREVER;
+    pblock_->GetValue(kDummySize, 0, dummySize_, valid);
+    pblock_->GetValue(kPatternOn, 0, patternEnabled_, valid);
+
+    // Rollouts that show derived state refresh their controls.
+    for (MapID map : {kSurfaceMap, kBaseMap})
+        if (ParamMap2UserDlgProc* proc = patternPBDesc().GetUserDlgProc(map)) proc->Update(t);
+
+    pblock_->GetValue(kPatternSource, 0, patternSource_, valid);
+    if (patternSource_ == kSourceScene) {
+        Node* node = nullptr;
+        pblock_->GetValue(kPattern, t, node, valid);
+        patternNode_ = node;
+        // Only the node's position counts, not its rotation or scale.
+        if (node) {
+            patternNodeTM_.IdentityMatrix();
+            patternNodeTM_.SetTrans(node->GetNodeTM(0).GetTrans());
+        }
+    }
+
+    pblock_->GetValue(kCropTransform, 0, cropTransform_, valid);
+    for (int i = 0; i < 3; ++i) pblock_->GetValue(kCropSize, 0, cropSize_[i], valid, i);
+    for (int i = 0; i < 2; ++i)
+        pblock_->GetValue(kRandomSegmentCount, 0, segmentCounts_[i], valid, i);
+    pblock_->GetValue(kShift, 0, shift_, valid);
+}
+
+Mesh* Mosaiq::GetRenderMesh(TimeValue t, Node* node, View& view, bool& needDelete) {
+    needDelete = false;
+    return &renderMesh_;
+}
+
+void* Mosaiq::GetInterface(uint32_t id) {
+    // The render-object interface joins here with the render instance.
+    return GeomObject::GetInterface(id);
+}
+
+void Mosaiq::ReleaseInterface(uint32_t id, void* i) { GeomObject::ReleaseInterface(id, i); }
+
+IOResult Mosaiq::Save(ISave* isave) { return IO_OK; }
+
+IOResult Mosaiq::Load(ILoad* iload) {
+    if (!iload) return IO_OK;
+    try {
+        iload->RegisterPostLoadCallback(new MQPostLoadCallback(this));
+    } catch (...) {
+        // Out of memory: the file pattern is not reloaded.
+    }
+    return IO_OK;
+}
+
+void Mosaiq::BeginEditParams(HostInterface* ip, uint32_t flags, Animatable* prev) {
+    if (!ip) return;
+    try {
+        gEditIp = ip;
+        GetMosaiqDesc().BeginEditParams(ip, this, flags, prev);
+        // The rollouts' dialog procedures (surface, base, preview) go here.
+
+        aboutPage_ = ip->AddRollupPage(kDlgAbout, "About", aboutDlgProc(), APPENDROLL_CLOSED,
+                                       kAboutRollupCategory);
+        ip->SetDlgItemText(aboutPage_, kCtlAboutText, aboutText());
+        ip->RegisterDlgWnd(aboutPage_);
+
+        std::array<std::unique_ptr<CommandMode>, 5> modes = {
+            std::make_unique<MoveModBoxCMode>(this, ip),
+            std::make_unique<RotateModBoxCMode>(this, ip),
+            std::make_unique<UScaleModBoxCMode>(this, ip),
+            std::make_unique<NUScaleModBoxCMode>(this, ip),
+            std::make_unique<SquashModBoxCMode>(this, ip),
+        };
+        cropModes_ = std::move(modes);
+        for (const auto& mode : cropModes_) ip->AddCommandMode(mode.get());
+    } catch (...) {
+        // A host callback: nothing leaves it; what was opened is closed by EndEditParams.
+    }
+}
+
+void Mosaiq::EndEditParams(HostInterface* ip, uint32_t flags, Animatable* next) {
+    if (!ip) return;
+    try {
+        GetMosaiqDesc().EndEditParams(ip, this, flags, next);
+        if (aboutPage_) {
+            ip->UnRegisterDlgWnd(aboutPage_);
+            ip->DeleteRollupPage(aboutPage_);
+            aboutPage_ = 0;
+        }
+        for (auto& mode : cropModes_) {
+            if (!mode) continue;
+            ip->DeleteMode(mode.get());
+            mode.reset();
+        }
+        gEditIp = nullptr;
+    } catch (...) {
+        // A host callback: nothing leaves it.
+    }
+}
+
+ParamBlock* Mosaiq::GetParamBlockByID(BlockID id) {
+    // Block ids compare as 16-bit signed numbers.
+    if (!pblock_ || static_cast<int16_t>(pblock_->ID()) != static_cast<int16_t>(id)) return nullptr;
+    return pblock_;
+}
+
+}  // namespace mosaiq

@@ -1,0 +1,33 @@
+#include "plugin/about.h"
+
+#include <cstdio>
+
+namespace mosaiq {
+
+namespace {
+
+constexpr const char* kVersion = "1.68";
+
+constexpr const char* kCredits =
+    "Tiles a pattern mesh over the UV space of a surface at render time.\n"
+    "\n"
+    "Made by the Mosaiq team.\n"
+    "Contact: the Mosaiq project's issue tracker.\n"
+    "Developers: the Mosaiq engineers.";
+
+class AboutDlgProc : public mq::ParamMap2UserDlgProc {};
+
+}  // namespace
+
+std::string aboutText() {
+    char head[64];
+    std::snprintf(head, sizeof head, "Mosaiq %s\n\n", kVersion);
+    return std::string(head) + kCredits;
+}
+
+mq::ParamMap2UserDlgProc* aboutDlgProc() {
+    static AboutDlgProc proc;
+    return &proc;
+}
+
+}  // namespace mosaiq
