@@ -22,14 +22,20 @@ void ClassDesc::MakeAutoParamBlocks(ReferenceMaker* owner) {
     }
 }
 
+std::string ClassDesc::rolloutTitle(const ParamBlockDesc& d, const RolloutMap& m) {
+    // Copied at once: a plug-in's string lookup may reuse one buffer.
+    const char* title = GetRsrcString(m.titleStringId);
+    return title ? std::string(title) : d.int_name + "/" + std::to_string(m.id);
+}
+
 void ClassDesc::BeginEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags,
                                 Animatable* prev) {
     if (!ip) return;
     for (ParamBlockDesc* d : pbDescs_) {
         if (!(d->flags & P_AUTO_UI)) continue;
         for (const RolloutMap& m : d->maps)
-            ip->AddRollupPage(m.dialogResource, d->int_name + "/" + std::to_string(m.id),
-                              m.dlgProc, static_cast<int>(m.flags), 0);
+            ip->AddRollupPage(m.dialogResource, rolloutTitle(*d, m), m.dlgProc,
+                              static_cast<int>(m.flags), 0);
     }
 }
 
@@ -39,7 +45,7 @@ void ClassDesc::EndEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t f
     for (ParamBlockDesc* d : pbDescs_) {
         if (!(d->flags & P_AUTO_UI)) continue;
         for (const RolloutMap& m : d->maps) {
-            const std::string title = d->int_name + "/" + std::to_string(m.id);
+            const std::string title = rolloutTitle(*d, m);
             for (const RollupPage& p : ip->rollupPages()) {
                 if (p.dialogResource == m.dialogResource && p.title == title) {
                     ip->DeleteRollupPage(p.id);

@@ -50,6 +50,8 @@ public:
     virtual const char* InternalName() { return ClassName(); }
     // The module the class lives in (its string table and dialogs).
     virtual void* HInstance() { return nullptr; }
+    // A string of the class's string table (rollout titles); null when absent.
+    virtual const char* GetRsrcString(int id) { return nullptr; }
 
     // Parameter block descriptions registered by their constructors.
     void AddParamBlockDesc(ParamBlockDesc* pbd) { pbDescs_.push_back(pbd); }
@@ -68,6 +70,8 @@ public:
     void InvalidateUI(BlockID blockId, ParamID id, int tabIndex = -1);
 
 private:
+    std::string rolloutTitle(const ParamBlockDesc& d, const RolloutMap& m);
+
     std::vector<ParamBlockDesc*> pbDescs_;
 };
 

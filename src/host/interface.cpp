@@ -178,6 +178,7 @@ int HostInterface::AddRollupPage(int dialogResource, const std::string& title,
     page.title = title;
     page.flags = flags;
     page.category = category;
+    page.dlgProc = proc;
     pages_.push_back(page);
     return page.id;
 }

@@ -71,6 +71,7 @@ struct RollupPage {
     int flags = 0;
     int category = 0;
     bool registered = false;
+    ParamMap2UserDlgProc* dlgProc = nullptr; // not owned
     std::vector<std::pair<int, std::string>> controlTexts; // control id, text
 };
 

@@ -21,6 +21,8 @@ const char* MosaiqClassDesc::Category() { return GetString(kStrCategory); }
 
 void* MosaiqClassDesc::HInstance() { return moduleHandle(); }
 
+const char* MosaiqClassDesc::GetRsrcString(int id) { return GetString(id); }
+
 void MosaiqClassDesc::SetUserDlgProc(mq::ParamMap2UserDlgProc* proc) {
     mq::ClassDesc::SetUserDlgProc(&patternPBDesc(), kBaseMap, proc);
 }

@@ -40,6 +40,7 @@ public:
     // The doubled word is deliberate: scenes and scripts refer to the class by it.
     const char* InternalName() override { return "PatternPattern"; }
     void* HInstance() override;
+    const char* GetRsrcString(int id) override;
 
     using mq::ClassDesc::SetUserDlgProc;
     // Set the dialog procedure of the Mosaiq block's map 0.

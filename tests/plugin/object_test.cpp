@@ -256,8 +256,14 @@ TEST(MosaiqEditing, OpensAndClosesRolloutsAboutPageAndCropModes) {
     EXPECT_EQ(Mosaiq::editInterface(), &ip);
 
     std::vector<int> dialogs;
-    for (const mq::RollupPage& p : ip.rollupPages()) dialogs.push_back(p.dialogResource);
+    std::vector<std::string> titles;
+    for (const mq::RollupPage& p : ip.rollupPages()) {
+        dialogs.push_back(p.dialogResource);
+        titles.push_back(p.title);
+    }
     EXPECT_EQ(dialogs, (std::vector<int>{999, 114, 147, 146, 116}));
+    EXPECT_EQ(titles, (std::vector<std::string>{"Other", "Base Parameters", "Surface", "Preview",
+                                                "About"}));
 
     const mq::RollupPage* about = ip.findRollupPage(obj->aboutPage());
     ASSERT_NE(about, nullptr);
