@@ -5,10 +5,12 @@
 
 #include "host/interface.h"
 #include "host/node.h"
+#include "host/paramblock.h"
 
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 
@@ -33,8 +35,9 @@ using WarningSink = std::function<void(const std::string&)>;
 
 // Read a scene file into a new scene; nothing is shared with any other
 // scene until it returns. Objects register their post-load callbacks with
-// iload; the caller runs them once the scene is in place. Values outside a
-// parameter's range are clamped with a warning. Throws SceneError.
+// iload (only once the whole file has been read); the caller runs them once
+// the scene is in place. Values outside a parameter's range are clamped with
+// a warning. Throws SceneError; iload is then best discarded unrun.
 std::unique_ptr<Scene> readSceneFile(const std::filesystem::path& file, ILoad& iload,
                                      const WarningSink& warn);
 
@@ -47,4 +50,17 @@ void loadScene(HostInterface& ip, const std::filesystem::path& file);
 // to the file's folder. Throws SceneError.
 void saveScene(const Scene& scene, const std::filesystem::path& file);
 
-} // namespace mq
+// One parameter's value as scene files store it: tables as arrays, node
+// parameters by node name (null for none), matrices as four rows of three,
+// floats as the doubles that read back to the same float.
+nlohmann::json paramValueToJson(const ParamBlock& pb, const ParamDef& def);
+
+// A matrix as scene files store it: four rows of three.
+nlohmann::json matrixToJson(const Matrix3& m);
+
+// JSON text laid out as scene files are: one member per line, short lists
+// and records without objects inside on one line. Ends with a newline.
+std::string formatSceneJson(const nlohmann::json& j);
+std::string formatSceneJson(const nlohmann::ordered_json& j);
+
+}  // namespace mq

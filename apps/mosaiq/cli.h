@@ -1,0 +1,62 @@
+// Shared pieces of the mosaiq command line: exit codes, the error that
+// carries one, and loading and saving scenes with the right code on failure.
+#pragma once
+
+#include "host/interface.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace mosaiq::cli {
+
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitUsage = 2,   // bad arguments: unknown key, node or value
+    kExitInput = 3,   // a scene or asset that cannot be read
+    kExitOutput = 4,  // a file that cannot be written
+    kExitRender = 5,
+};
+
+// Ends the command: main prints "mosaiq: error: <what>" and exits with code.
+class CliError : public std::runtime_error {
+public:
+    CliError(ExitCode code, const std::string& what) : std::runtime_error(what), code_(code) {}
+    ExitCode code() const { return code_; }
+
+private:
+    ExitCode code_;
+};
+
+void printWarning(const std::string& text);
+
+// Make file the host's scene; CliError(kExitInput) when it cannot be read.
+void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file);
+// Save; CliError(kExitOutput) when it cannot be written.
+void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file);
+
+struct InspectOptions {
+    std::filesystem::path scene;
+    bool json = false;
+};
+struct NewOptions {
+    std::filesystem::path scene;
+};
+struct ImportOptions {
+    std::filesystem::path scene;
+    std::vector<std::string> files;
+};
+struct SetOptions {
+    std::filesystem::path scene;
+    std::string node;
+    std::vector<std::string> assignments;  // KEY=VALUE or KEY[i]=VALUE
+    std::filesystem::path output;          // empty: write back to scene
+};
+
+void runInspect(mq::HostInterface& ip, const InspectOptions& opt);
+void runNew(mq::HostInterface& ip, const NewOptions& opt);
+void runImport(mq::HostInterface& ip, const ImportOptions& opt);
+void runSet(mq::HostInterface& ip, const SetOptions& opt);
+
+}  // namespace mosaiq::cli

@@ -1,0 +1,106 @@
+// mosaiq: the command-line host. Parses the command, loads the plug-ins,
+// runs the command and turns every failure into a message and an exit code.
+#include "cli.h"
+
+#include "host/plugins.h"
+#include "host/scenefile.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+namespace mosaiq::cli {
+
+void printWarning(const std::string& text) { std::cerr << "mosaiq: warning: " << text << "\n"; }
+
+void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
+    try {
+        mq::loadScene(ip, file);
+    } catch (const mq::SceneError& e) {
+        throw CliError(kExitInput, e.what());
+    }
+}
+
+void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file) {
+    try {
+        mq::saveScene(scene, file);
+    } catch (const mq::SceneError& e) {
+        throw CliError(kExitOutput, e.what());
+    }
+}
+
+}  // namespace mosaiq::cli
+
+int main(int argc, char** argv) {
+    using namespace mosaiq::cli;
+
+    CLI::App app{"Mosaiq: tiles a pattern mesh over a surface at render time.", "mosaiq"};
+    app.set_version_flag("--version", std::string("mosaiq ") + MOSAIQ_VERSION);
+    app.require_subcommand(1);
+    app.footer(
+        "Exit codes: 0 ok, 2 usage, 3 input or asset error, 4 output error, 5 render failure.");
+
+    InspectOptions inspectOpt;
+    CLI::App* inspect =
+        app.add_subcommand("inspect", "Show a scene's nodes, objects and parameters");
+    inspect->add_option("SCENE", inspectOpt.scene, "Scene file (.mosaiq)")->required();
+    inspect->add_flag("--json", inspectOpt.json, "Print JSON for scripts");
+
+    NewOptions newOpt;
+    CLI::App* create = app.add_subcommand("new", "Write a scene with one default Mosaiq object");
+    create->add_option("SCENE", newOpt.scene, "Scene file to write")->required();
+
+    ImportOptions importOpt;
+    CLI::App* import = app.add_subcommand("import", "Merge mesh or scene files into a scene");
+    import->add_option("SCENE", importOpt.scene, "Scene file; created when missing")->required();
+    import
+        ->add_option("FILE", importOpt.files,
+                     "Files to merge (glTF, OBJ, FBX, PLY, DAE, 3DS, .mosaiq)")
+        ->required();
+
+    SetOptions setOpt;
+    CLI::App* set = app.add_subcommand("set", "Change parameters or properties of a node");
+    set->add_option("SCENE", setOpt.scene, "Scene file")->required();
+    set->add_option("NODE", setOpt.node, "Node name")->required();
+    set->add_option("KEY=VALUE", setOpt.assignments,
+                    "Parameter (internal name, optionally [index]) or renderable, material, "
+                    "transform; tables and matrices as comma lists")
+        ->required();
+    set->add_option("-o,--output", setOpt.output, "Write here instead of SCENE");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "mosaiq: error: " << e.what() << "\nRun 'mosaiq --help' for usage.\n";
+        return kExitUsage;
+    }
+
+    try {
+        // The host exists before any plug-in, so objects see how it runs.
+        mq::HostInterface ip;
+        ip.SetRunningWithoutUI(true);
+        ip.onWarning = printWarning;
+        for (const std::string& skipped :
+             mq::pluginManager().loadFolder(mq::PluginManager::defaultFolder())) {
+            printWarning(skipped);
+        }
+
+        if (inspect->parsed()) runInspect(ip, inspectOpt);
+        if (create->parsed()) runNew(ip, newOpt);
+        if (import->parsed()) runImport(ip, importOpt);
+        if (set->parsed()) runSet(ip, setOpt);
+    } catch (const CliError& e) {
+        std::cerr << "mosaiq: error: " << e.what() << "\n";
+        return e.code();
+    } catch (const std::exception& e) {
+        std::cerr << "mosaiq: error: internal error: " << e.what() << "\n";
+        return 1;
+    }
+    return kExitOk;
+}
