@@ -1,0 +1,398 @@
+// The tile's octree: parallel build, triangle-box overlap by polygon
+// clipping (Sutherland and Hodgman, "Reentrant polygon clipping", CACM 1974),
+// neighbour links and the rope walk (Havran, Bittner and Zara, "Ray tracing
+// with rope trees", SCCG 1998) with the per-face test.
+#include "engine/octree.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <system_error>
+#include <thread>
+
+namespace mq {
+
+namespace {
+
+constexpr int kMaxDepth = 16;
+constexpr int kMaxClipVertices = 20;
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+// A straight ray crosses at most 2^16 cells per axis in a tree of depth 16;
+// the cap only stops walks that rounding or bad input sends in circles.
+constexpr int kMaxWalkSteps = 4 << kMaxDepth;
+
+// The sibling across the X, Y and Z centre planes, by octant.
+constexpr int kSiblingX[8] = {1, 0, 3, 2, 5, 4, 7, 6};
+constexpr int kSiblingY[8] = {2, 3, 0, 1, 6, 7, 4, 5};
+constexpr int kSiblingZ[8] = {4, 5, 6, 7, 0, 1, 2, 3};
+
+// A face's bounding box; empty (inverted) for a face with a non-finite
+// corner, which overlaps nothing: it could never be hit, and in every box it
+// would only make the tree deeper.
+struct FaceBounds {
+    Point3 lo, hi;
+};
+
+FaceBounds boundsOf(const PatternFace& face) {
+    const Point3& a = *face.vertex[0];
+    const Point3& b = *face.vertex[1];
+    const Point3& c = *face.vertex[2];
+    if (!isFinite(a) || !isFinite(b) || !isFinite(c))
+        return {Point3(kInfinity, kInfinity, kInfinity),
+                Point3(-kInfinity, -kInfinity, -kInfinity)};
+    return {
+        Point3(std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z})),
+        Point3(std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z}))};
+}
+
+// One child of a node under construction; run inline or on its own thread.
+struct BuildJob {
+    Box3 box;
+    const std::vector<const PatternFace*>* parentFaces = nullptr;
+    const FaceBounds* parentBounds = nullptr;  // one per parent face
+    int octant = 0;
+    int parentDepth = 0;
+    PatternOctreeNode** slot = nullptr;  // the parent's children[octant]
+    bool threaded = false;
+    std::atomic<int>* runningThreads = nullptr;
+    int threadLimit = 0;
+    std::exception_ptr error;  // handed back to the parent after the join
+};
+
+// A polygon vertex, indexed by axis without Point3's branches.
+struct ClipVertex {
+    float c[3];
+};
+
+// One Sutherland-Hodgman pass: keeps the part of the polygon on the inside
+// of the plane p[axis] = bound (above it when keepAbove). Points exactly on
+// the plane count as inside, so a face touching a box (lying in one of its
+// planes, or meeting it at an edge or corner) overlaps it. Returns the new
+// vertex count, or -1 if it would pass the buffer's size.
+int clipPass(const ClipVertex* in, int n, ClipVertex* out, int axis, float bound, bool keepAbove) {
+    int m = 0;
+    for (int i = 0; i < n; ++i) {
+        const ClipVertex& a = in[i];
+        const ClipVertex& b = in[i + 1 == n ? 0 : i + 1];
+        const float da = keepAbove ? a.c[axis] - bound : bound - a.c[axis];
+        const float db = keepAbove ? b.c[axis] - bound : bound - b.c[axis];
+        const bool aInside = da >= 0.0f, bInside = db >= 0.0f;
+        if (aInside) {
+            if (m == kMaxClipVertices) return -1;
+            out[m++] = a;
+        }
+        if (aInside != bInside) {
+            if (m == kMaxClipVertices) return -1;
+            const float t = da / (da - db);
+            ClipVertex& p = out[m++];
+            for (int k = 0; k < 3; ++k) p.c[k] = a.c[k] + (b.c[k] - a.c[k]) * t;
+            p.c[axis] = bound;  // exactly on the plane, whatever the rounding
+        }
+    }
+    return m;
+}
+
+// The overlap test with the face's bounds already known.
+bool overlapWithin(const PatternFace& face, const FaceBounds& bounds, const Box3& box) {
+    const Point3& lo = bounds.lo;
+    const Point3& hi = bounds.hi;
+    if (hi.x < box.pmin.x || lo.x > box.pmax.x || hi.y < box.pmin.y || lo.y > box.pmax.y ||
+        hi.z < box.pmin.z || lo.z > box.pmax.z)
+        return false;
+    if (box.Contains(lo) && box.Contains(hi)) return true;
+
+    // Clip the triangle to the box, one plane at a time.
+    ClipVertex bufA[kMaxClipVertices], bufB[kMaxClipVertices];
+    for (int v = 0; v < 3; ++v) {
+        const Point3& p = *face.vertex[v];
+        bufA[v] = {{p.x, p.y, p.z}};
+    }
+    const float planes[6] = {box.pmin.x, box.pmax.x, box.pmin.y,
+                             box.pmax.y, box.pmin.z, box.pmax.z};
+    ClipVertex* in = bufA;
+    ClipVertex* out = bufB;
+    int n = 3;
+    for (int plane = 0; plane < 6; ++plane) {
+        n = clipPass(in, n, out, plane / 2, planes[plane], (plane & 1) == 0);
+        // Too many vertices only arises from rounding on a face that
+        // touches the box: count it as overlapping, which is safe.
+        if (n < 0) return true;
+        if (n == 0) return false;
+        std::swap(in, out);
+    }
+    return true;
+}
+
+void runJob(BuildJob& job) noexcept {
+    // The counter only throttles spawning, so relaxed order is enough; a
+    // parent may read it before this thread has counted itself.
+    if (job.threaded) job.runningThreads->fetch_add(1, std::memory_order_relaxed);
+    try {
+        const std::vector<const PatternFace*>& parent = *job.parentFaces;
+        std::vector<uint8_t> overlaps(parent.size());
+        size_t count = 0;
+        for (size_t i = 0; i < parent.size(); ++i) {
+            overlaps[i] = overlapWithin(*parent[i], job.parentBounds[i], job.box) ? 1 : 0;
+            count += overlaps[i];
+        }
+        // Exactly the overlapping faces, in the parent's order.
+        std::vector<const PatternFace*> faces;
+        faces.reserve(count);
+        for (size_t i = 0; i < parent.size(); ++i) {
+            if (overlaps[i]) faces.push_back(parent[i]);
+        }
+        *job.slot =
+            new PatternOctreeNode(job.box, std::move(faces), job.octant, job.parentDepth + 1,
+                                  *job.runningThreads, job.threadLimit);
+    } catch (...) {
+        job.error = std::current_exception();
+    }
+    if (job.threaded) job.runningThreads->fetch_sub(1, std::memory_order_relaxed);
+}
+
+PatternOctreeNode* mutableLocateToDepth(PatternOctreeNode* node, const Point3& p, int maxDepth) {
+    while (node->depth < maxDepth && !node->isLeaf()) {
+        const int i =
+            (p.x > node->centre.x) | (p.y > node->centre.y) << 1 | (p.z > node->centre.z) << 2;
+        node = node->children[i];
+    }
+    return node;
+}
+
+void collectStats(const PatternOctreeNode* node, OctreeStats& stats) {
+    ++stats.nodes;
+    stats.depth = std::max(stats.depth, static_cast<int>(node->depth));
+    if (node->isLeaf()) {
+        ++stats.leaves;
+        stats.largestLeaf = std::max(stats.largestLeaf, static_cast<int>(node->faceCount));
+        return;
+    }
+    for (const PatternOctreeNode* child : node->children) collectStats(child, stats);
+}
+
+}  // namespace
+
+int defaultBuildThreadLimit() {
+    return std::max(2, 2 * static_cast<int>(std::thread::hardware_concurrency()));
+}
+
+PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const PatternFace*> faces_,
+                                     int octant_, int depth_, std::atomic<int>& runningThreads,
+                                     int threadLimit)
+    : box(box_), centre((box_.pmin + box_.pmax) / 2.0f), depth(depth_), octant(octant_) {
+    const int count = static_cast<int>(faces_.size());
+    // More than ten faces per level of depth, and never below depth 16.
+    if (!(depth * 10 < count && depth < kMaxDepth)) {
+        faces = std::move(faces_);
+        faceCount = count;
+        return;
+    }
+
+    // Each face's bounds once for all eight children.
+    std::vector<FaceBounds> bounds(faces_.size());
+    for (size_t i = 0; i < faces_.size(); ++i) bounds[i] = boundsOf(*faces_[i]);
+
+    const Point3 half = (box.pmax - box.pmin) / 2.0f;
+    BuildJob jobs[8];
+    std::thread threads[8];
+    for (int i = 0; i < 8; ++i) {
+        BuildJob& job = jobs[i];
+        const Point3 childMin =
+            box.pmin + half * Point3(float(i & 1), float((i >> 1) & 1), float((i >> 2) & 1));
+        job.box = Box3(childMin, childMin + half);
+        job.parentFaces = &faces_;
+        job.parentBounds = bounds.data();
+        job.octant = i;
+        job.parentDepth = depth;
+        job.slot = &children[i];
+        job.runningThreads = &runningThreads;
+        job.threadLimit = threadLimit;
+        // A soft limit: started threads count themselves only once running.
+        if (runningThreads.load(std::memory_order_relaxed) < threadLimit) {
+            job.threaded = true;
+            try {
+                threads[i] = std::thread(runJob, std::ref(job));
+            } catch (const std::system_error&) {
+                job.threaded = false;  // no thread to be had: build it here
+            }
+        }
+        if (!job.threaded) runJob(job);
+    }
+    for (std::thread& t : threads) {
+        if (t.joinable()) t.join();
+    }
+
+    for (BuildJob& job : jobs) {
+        if (!job.error) continue;
+        for (PatternOctreeNode*& child : children) {
+            delete child;
+            child = nullptr;
+        }
+        std::rethrow_exception(job.error);
+    }
+    for (PatternOctreeNode* child : children) child->parent = this;
+    // faces_ (the list handed to this node) is freed on return.
+}
+
+PatternOctreeNode::~PatternOctreeNode() {
+    for (PatternOctreeNode* child : children) delete child;
+}
+
+void linkNeighbours(PatternOctreeNode* node) {
+    if (!node) return;
+    if (const PatternOctreeNode* parent = node->parent) {
+        const Point3& lo = node->box.pmin;
+        const Point3& hi = node->box.pmax;
+        const Point3& c = node->centre;
+        // The centres of the box's six faces.
+        const Point3 probes[6] = {{lo.x, c.y, c.z}, {hi.x, c.y, c.z}, {c.x, lo.y, c.z},
+                                  {c.x, hi.y, c.z}, {c.x, c.y, lo.z}, {c.x, c.y, hi.z}};
+        for (int s = 0; s < 6; ++s) {
+            PatternOctreeNode* across = parent->neighbour[s];
+            node->neighbour[s] =
+                across ? mutableLocateToDepth(across, probes[s], node->depth) : nullptr;
+        }
+        const int o = node->octant;
+        node->neighbour[(o & 1) ? kSideNegX : kSidePosX] = parent->children[kSiblingX[o]];
+        node->neighbour[(o & 2) ? kSideNegY : kSidePosY] = parent->children[kSiblingY[o]];
+        node->neighbour[(o & 4) ? kSideNegZ : kSidePosZ] = parent->children[kSiblingZ[o]];
+    } else {
+        std::fill(std::begin(node->neighbour), std::end(node->neighbour), nullptr);
+    }
+    // Top-down: the children read the links just made.
+    if (!node->isLeaf()) {
+        for (PatternOctreeNode* child : node->children) linkNeighbours(child);
+    }
+}
+
+const PatternOctreeNode* locate(const PatternOctreeNode* node, const Point3& p) {
+    while (!node->isLeaf()) {
+        // Strict: a point on a centre plane goes to the lower child.
+        const int i =
+            (p.x > node->centre.x) | (p.y > node->centre.y) << 1 | (p.z > node->centre.z) << 2;
+        node = node->children[i];
+    }
+    return node;
+}
+
+const PatternOctreeNode* locateToDepth(const PatternOctreeNode* node, const Point3& p,
+                                       int maxDepth) {
+    return mutableLocateToDepth(const_cast<PatternOctreeNode*>(node), p, maxDepth);
+}
+
+bool triangleBoxOverlap(const PatternFace& face, const Box3& box) {
+    return overlapWithin(face, boundsOf(face), box);
+}
+
+BoxExit boxExit(const Point3& origin, const Point3& direction, const Box3& box) {
+    BoxExit exit;
+    for (int axis = 0; axis < 3; ++axis) {
+        const float d = direction[axis];
+        float t;
+        int side;
+        if (d > 0.0f) {
+            t = (box.pmax[axis] - origin[axis]) / d;
+            side = 2 * axis + 1;
+        } else if (d < 0.0f) {
+            t = (box.pmin[axis] - origin[axis]) / d;
+            side = 2 * axis;
+        } else {
+            continue;
+        }
+        // Strictly smaller: on an edge or corner the earlier axis wins.
+        if (t < exit.t) {
+            exit.t = t;
+            exit.side = side;
+        }
+    }
+    return exit;
+}
+
+bool clipRayToBox(const Point3& origin, const Point3& direction, const Box3& box, float& tStart,
+                  float& tEnd) {
+    if (box.Contains(origin)) {
+        tEnd = std::min(tEnd, boxExit(origin, direction, box).t);
+        return tStart < tEnd;
+    }
+    for (int axis = 0; axis < 3; ++axis) {
+        const float d = direction[axis];
+        const float o = origin[axis];
+        if (d == 0.0f) {
+            if (o < box.pmin[axis] || o > box.pmax[axis]) return false;
+            continue;
+        }
+        const float tNear = ((d > 0.0f ? box.pmin[axis] : box.pmax[axis]) - o) / d;
+        const float tFar = ((d > 0.0f ? box.pmax[axis] : box.pmin[axis]) - o) / d;
+        if (tNear > tStart) tStart = tNear;
+        if (tFar < tEnd) tEnd = tFar;
+    }
+    // Touching the box at a single parameter is not entering it.
+    return tStart < tEnd;
+}
+
+bool intersectLeaf(const PatternOctreeNode& leaf, TileRay& ray, TileHit& hit) {
+    bool found = false;
+    // Every face is tested: a later face at the same distance replaces an
+    // earlier one, because tEnd shrinks to the hit and the range is inclusive.
+    for (const PatternFace* face : leaf.faces) {
+        const int64_t key = faceKeyOf(ray.ownerKey, face->faceIndex);
+        if (key == ray.skipKey) continue;  // the face the ray starts on
+
+        // Both sides alike; a degenerate face has a zero normal and fails here.
+        const float denom = DotProd(ray.direction, face->faceNormal);
+        if (denom == 0.0f) continue;
+        const float t = (face->planeDistance - DotProd(ray.origin, face->faceNormal)) / denom;
+        if (!(ray.tStart <= t && t <= ray.tEnd)) continue;
+
+        // Hits outside the leaf belong to the leaf they lie in.
+        const Point3 p = ray.direction * t + ray.origin;
+        if (!leaf.box.Contains(p)) continue;
+
+        const float du = p[face->axisU] - face->originU;
+        const float dv = p[face->axisV] - face->originV;
+        const float beta = face->edgeV2 * du - face->edgeU2 * dv;
+        const float gamma = face->edgeU1 * dv - face->edgeV1 * du;
+        // No epsilon. Written as a test for inside so that a NaN weight (a
+        // sliver whose scaled edges overflowed) is a miss, not a hit.
+        if (!(beta >= 0.0f && gamma >= 0.0f && beta + gamma <= 1.0f)) continue;
+
+        ray.tEnd = t;
+        hit.faceKey = key;
+        hit.faceIndex = face->faceIndex;
+        hit.beta = beta;
+        hit.gamma = gamma;
+        found = true;
+    }
+    return found;
+}
+
+bool traverse(TileRay& ray, const PatternOctreeNode* root, TileHit& hit) {
+    if (!root || !isFinite(ray.origin) || !isFinite(ray.direction)) return false;
+    // A zero direction has no exit from any box; an empty or NaN range has nothing to hit.
+    if (ray.direction.x == 0.0f && ray.direction.y == 0.0f && ray.direction.z == 0.0f) return false;
+    if (!(ray.tStart <= ray.tEnd)) return false;
+
+    const PatternOctreeNode* node = root;
+    for (int step = 0; step < kMaxWalkSteps; ++step) {
+        const PatternOctreeNode* leaf = locate(node, ray.origin + ray.direction * ray.tStart);
+        if (intersectLeaf(*leaf, ray, hit)) return true;
+        // On to the node across the side the ray leaves by; it may be larger
+        // than a leaf, and the next locate descends from it.
+        const BoxExit exit = boxExit(ray.origin, ray.direction, leaf->box);
+        if (exit.side < 0) return false;
+        ray.tStart = exit.t;
+        node = leaf->neighbour[exit.side];
+        if (!node || ray.tStart > ray.tEnd) return false;
+    }
+    return false;
+}
+
+OctreeStats octreeStats(const PatternOctreeNode* root) {
+    OctreeStats stats;
+    if (root) collectStats(root, stats);
+    return stats;
+}
+
+}  // namespace mq

@@ -1,0 +1,87 @@
+// The tile's octree: built in parallel, linked with neighbour references
+// ("ropes") across node faces so a ray walks leaf to leaf without a stack.
+#pragma once
+
+#include "engine/ray.h"
+#include "engine/tile.h"
+#include "host/math.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace mq {
+
+// Exit sides, in neighbour order.
+enum BoxSide : int { kSideNegX = 0, kSidePosX, kSideNegY, kSidePosY, kSideNegZ, kSidePosZ };
+
+// The tile build's thread limit: twice the processor count, at least 2.
+int defaultBuildThreadLimit();
+
+class PatternOctreeNode {
+public:
+    // Builds the whole subtree over faces (which the node takes over).
+    // runningThreads throttles how many worker threads are started: a new
+    // one only while it is below threadLimit (0: build on this thread only).
+    // The tree is the same whatever the limit. Throws only std::bad_alloc,
+    // after joining its threads and freeing what it built.
+    PatternOctreeNode(const Box3& box, std::vector<const PatternFace*> faces, int octant,
+                      int depth, std::atomic<int>& runningThreads, int threadLimit);
+    ~PatternOctreeNode();
+
+    bool isLeaf() const { return children[0] == nullptr; }
+
+    Box3 box;
+    Point3 centre;
+    int32_t depth = 0;
+    int32_t octant = 0;
+    int32_t faceCount = 0;
+    std::vector<const PatternFace*> faces; // a leaf's faces; empty in an inner node
+    PatternOctreeNode* children[8] = {};
+    PatternOctreeNode* parent = nullptr;
+    PatternOctreeNode* neighbour[6] = {}; // -X, +X, -Y, +Y, -Z, +Z
+};
+
+// Fill the neighbour links of node and its whole subtree (top-down).
+void linkNeighbours(PatternOctreeNode* node);
+// The leaf under node that contains p; points on a centre plane go low.
+const PatternOctreeNode* locate(const PatternOctreeNode* node, const Point3& p);
+// As locate, stopping at a node whose depth is not below maxDepth.
+const PatternOctreeNode* locateToDepth(const PatternOctreeNode* node, const Point3& p,
+                                       int maxDepth);
+// Whether a triangle overlaps a box (by clipping it to the box).
+bool triangleBoxOverlap(const PatternFace& face, const Box3& box);
+
+// Side through which a ray leaves box, and the parameter where it does;
+// side -1 when the direction is zero.
+struct BoxExit {
+    int side = -1;
+    float t = 1e30f;
+};
+BoxExit boxExit(const Point3& origin, const Point3& direction, const Box3& box);
+// Narrow [tStart, tEnd] to the part of the ray inside box. True when the ray
+// enters the box (tStart < tEnd afterwards).
+bool clipRayToBox(const Point3& origin, const Point3& direction, const Box3& box, float& tStart,
+                  float& tEnd);
+
+// Test every face of a leaf; true when any face is hit within the ray's
+// range. Shrinks ray.tEnd and fills hit for each nearer (or equal) hit.
+bool intersectLeaf(const PatternOctreeNode& leaf, TileRay& ray, TileHit& hit);
+// The rope walk from the root over [ray.tStart, ray.tEnd]. The ray must
+// already be clipped to the root's box. ray.tStart advances leaf by leaf; on
+// a hit ray.tEnd is the hit's distance. Never allocates; safe to call from
+// any number of threads on one tree. A null root, a zero or non-finite ray
+// misses.
+bool traverse(TileRay& ray, const PatternOctreeNode* root, TileHit& hit);
+
+// Counts for inspection.
+struct OctreeStats {
+    int depth = 0;
+    int nodes = 0;
+    int leaves = 0;
+    int largestLeaf = 0;
+};
+OctreeStats octreeStats(const PatternOctreeNode* root);
+
+} // namespace mq

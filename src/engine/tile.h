@@ -1,0 +1,82 @@
+// The captured pattern in tile space: the crop box mapped to the box from
+// (0, 0, 0) to the crop size, with per-face intersection data and an octree.
+#pragma once
+
+#include "host/math.h"
+#include "host/mesh.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace mq {
+
+class ParamBlock;
+class PatternOctreeNode;
+
+// One pattern triangle with what the ray test needs precomputed.
+struct PatternFace {
+    const Point3* vertex[3] = {nullptr, nullptr, nullptr}; // into PatternTile::vertices
+    const Point3* normal[3] = {nullptr, nullptr, nullptr}; // into PatternTile::normals
+    Point3 faceNormal;      // unit (B - A) x (C - A); zero for a degenerate face
+    Point3 centre;          // (A + B + C) / 3
+    uint32_t materialId = 0;
+    int32_t faceIndex = 0;
+    // Projection onto two axes and the inverse-determinant-scaled edges.
+    int32_t axisU = 0, axisV = 1;
+    float originU = 0, originV = 0;
+    float edgeU1 = 0, edgeV1 = 0, edgeU2 = 0, edgeV2 = 0;
+    float planeDistance = 0; // centre . faceNormal
+};
+
+// Fills the precomputed fields of a face from its three corners. A
+// degenerate face keeps its raw (zero) cross product as faceNormal and the
+// other fields unset.
+void precomputeFace(PatternFace& face);
+
+class PatternTile {
+public:
+    PatternTile();
+    ~PatternTile();
+    PatternTile(const PatternTile&) = delete;
+    PatternTile& operator=(const PatternTile&) = delete;
+
+    // Capture the pattern of a Mosaiq parameter block at time t, from the
+    // scene node or from the pattern file. True at once when already built.
+    // False on failure, leaving the tile unbuilt. The file path needs a
+    // current HostInterface; the merged nodes are gone again on return.
+    // Main thread only; never throws.
+    bool capture(ParamBlock* pblock, TimeValue t);
+    // Free everything and clear built; the tile can then be captured again.
+    void release();
+    // The common second half of both capture paths. toTile carries the
+    // mesh's object space into crop space centred on the origin. Replaces
+    // whatever the tile held; does not set built (capture does). The mesh
+    // gets its normals specified and checked. threadLimit < 0 takes
+    // defaultBuildThreadLimit(); 0 builds the octree on this thread only.
+    // Faces with a vertex index out of range keep their slot (faceCount is
+    // the mesh's face count) but have all three corners on vertex 0 (on a
+    // fixed origin point when there are no vertices), so they are degenerate
+    // and never hit; out-of-range normal and map indices read a fixed up
+    // normal and a zero UVW.
+    void build(Mesh& mesh, const Matrix3& toTile, const Point3& cropSize, int segU, int segV,
+               int threadLimit = -1);
+
+    bool built = false;
+    int32_t segmentCountU = 1;
+    int32_t segmentCountV = 1;
+    std::vector<Point3> vertices;
+    std::vector<Point3> normals;
+    std::vector<PatternFace> faces;
+    int32_t faceCount = 0;
+    int32_t vertexCount = 0;
+    // Per map channel 0..99: the channel's UVW and, per face, the corners' entries.
+    std::array<std::vector<Point3>, MAX_MESHMAPS> mapVertices;
+    std::array<std::vector<std::array<const Point3*, 3>>, MAX_MESHMAPS> mapFaces;
+    Point3 cropSize;
+    Point3 segmentSize;
+    std::unique_ptr<PatternOctreeNode> tree;
+};
+
+} // namespace mq

@@ -1,0 +1,377 @@
+// Pattern capture: face precomputation, the tile build, and capture from the
+// scene and from files through a Mosaiq parameter block.
+#include "engine/tile.h"
+#include "engine/octree.h"
+#include "host/classdesc.h"
+#include "host/interface.h"
+#include "host/node.h"
+#include "host/object.h"
+#include "plugin/classdesc.h"
+#include "plugin/params.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <numbers>
+#include <random>
+
+namespace mq {
+namespace {
+
+namespace fs = std::filesystem;
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+void expectNear(const Point3& a, const Point3& b, float tol) {
+    EXPECT_LT(Length(a - b), tol) << "(" << a.x << ", " << a.y << ", " << a.z << ") vs (" << b.x
+                                  << ", " << b.y << ", " << b.z << ")";
+}
+
+PatternFace faceOf(const Point3* corners) {
+    PatternFace f;
+    for (int c = 0; c < 3; ++c) f.vertex[c] = &corners[c];
+    precomputeFace(f);
+    return f;
+}
+
+// A two-face square (-1..1)^2 in z = 0 with UVs on channel 1 and material ids 7, 9.
+Mesh squareMesh() {
+    Mesh m;
+    m.verts = {{-1, -1, 0}, {1, -1, 0}, {1, 1, 0}, {-1, 1, 0}};
+    m.faces = {Face{{0, 1, 2}, 1, 7u << 16}, Face{{0, 2, 3}, 1, 9u << 16}};
+    m.setMapSupport(1);
+    m.Map(1).verts = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}};
+    m.Map(1).faces = {{{0, 1, 2}}, {{0, 2, 3}}};
+    return m;
+}
+
+// The face a ray through the tile's tree hits, or -1.
+int hitFace(const PatternTile& tile, Point3 origin, Point3 direction) {
+    TileRay r;
+    r.origin = origin;
+    r.direction = direction;
+    r.tEnd = 1e30f;
+    TileHit hit;
+    if (!clipRayToBox(r.origin, r.direction, tile.tree->box, r.tStart, r.tEnd)) return -1;
+    return traverse(r, tile.tree.get(), hit) ? hit.faceIndex : -1;
+}
+
+TEST(PrecomputeFace, ProjectsOntoTheDominantAxesWithScaledEdges) {
+    const Point3 abc[3] = {{0, 0, 2}, {2, 0, 2}, {0, 2, 2}};
+    const PatternFace f = faceOf(abc);
+    EXPECT_EQ(f.faceNormal, Point3(0, 0, 1));
+    EXPECT_EQ(f.centre, Point3(2.0f / 3.0f, 2.0f / 3.0f, 2.0f));
+    EXPECT_EQ(f.planeDistance, 2.0f);
+    EXPECT_TRUE(f.axisU == 0 && f.axisV == 1);
+    // Edges (2, 0) and (0, 2) divided by the determinant 4.
+    EXPECT_EQ(std::make_tuple(f.edgeU1, f.edgeV1, f.edgeU2, f.edgeV2),
+              std::make_tuple(0.5f, 0.0f, 0.0f, 0.5f));
+    // Ties go to the later choice: |x| = |y| gives (2, 0); |x| = |z| > |y| gives (1, 2).
+    const Point3 xy[3] = {{0, 0, 0}, {0, 0, 1}, {1, -1, 0}};
+    EXPECT_TRUE(faceOf(xy).axisU == 2 && faceOf(xy).axisV == 0);
+    const Point3 xz[3] = {{0, 0, 0}, {0, 1, 0}, {1, 0, -1}};
+    EXPECT_TRUE(faceOf(xz).axisU == 1 && faceOf(xz).axisV == 2);
+    // A degenerate face keeps its zero cross product and nothing else.
+    const Point3 line[3] = {{1, 1, 1}, {2, 2, 2}, {4, 4, 4}};
+    PatternFace d;
+    d.planeDistance = 42.0f;
+    for (int c = 0; c < 3; ++c) d.vertex[c] = &line[c];
+    precomputeFace(d);
+    EXPECT_EQ(d.faceNormal, Point3(0, 0, 0));
+    EXPECT_EQ(d.planeDistance, 42.0f);
+}
+
+TEST(TileBuild, CropBoxBecomesZeroToCropSizeInsideOddlyGrownTreeBounds) {
+    Mesh m;
+    m.verts = {{-15, -15, -5}, {15, 15, 5}, {15, -15, 0}};
+    m.faces = {Face{{0, 1, 2}, 1, 0}};
+    PatternTile tile;
+    tile.build(m, Matrix3(), Point3(30, 30, 10), 2, 3);
+    EXPECT_EQ(tile.vertices[0], Point3(0, 0, 0));
+    EXPECT_EQ(tile.vertices[1], Point3(30, 30, 10));
+    EXPECT_FALSE(tile.built);  // only capture marks the tile built
+    EXPECT_EQ(tile.segmentSize, Point3(15, 10, 10));
+    const Box3& box = tile.tree->box;
+    EXPECT_FLOAT_EQ(box.pmax.x, 30.37037f);
+    EXPECT_FLOAT_EQ(box.pmax.y, 30.37037f);
+    EXPECT_FLOAT_EQ(box.pmax.z, 10.123457f);
+    // min is lowered with the already grown max.
+    EXPECT_EQ(box.pmin, Point3() - box.pmax * 0.0023456789f);
+    EXPECT_NEAR(box.pmin.x, -0.0712f, 1e-4f);
+}
+
+TEST(TileBuild, NormalsTurnWithMirroringWhileWindingFollowsTheVertices) {
+    // Flat shading makes each corner normal its face's own; after any crop
+    // matrix (mirrored and sheared ones included) the two must still agree.
+    Mesh sphere = makeSphereMesh(5, 16);
+    for (Face& f : sphere.faces) f.smGroup = 0;
+    const Matrix3 crops[] = {
+        Matrix3(),
+        ScaleMatrix(Point3(-1, 1, 1)),
+        ScaleMatrix(Point3(1, 4, 0.5f)) * RotateZMatrix(0.3f),
+        Matrix3(Point3(1, 0.5f, 0), Point3(0, 1, 0), Point3(0.2f, 0, -2), Point3(3, 1, 2)),
+    };
+    for (const Matrix3& crop : crops) {
+        Mesh m = sphere;
+        PatternTile tile;
+        tile.build(m, crop, Point3(20, 20, 20), 1, 1);
+        const bool mirrored = crop.Determinant() < 0;
+        int checked = 0;
+        for (int f = 0; f < tile.faceCount; ++f) {
+            const PatternFace& face = tile.faces[f];
+            for (int c = 0; c < 3; ++c) EXPECT_EQ(face.vertex[c], &tile.vertices[m.faces[f].v[c]]);
+            if (face.faceNormal == Point3()) continue;
+            // Out of the (now ellipsoidal) sphere unless mirrored.
+            const Point3 outwards = face.centre - (crop.GetTrans() + Point3(10, 10, 10));
+            EXPECT_EQ(DotProd(face.faceNormal, outwards) > 0, !mirrored);
+            for (const Point3* n : face.normal) expectNear(*n, face.faceNormal, 1e-4f);
+            ++checked;
+        }
+        EXPECT_GT(checked, 200);
+    }
+}
+
+TEST(TileBuild, DegenerateFacesStayInTheTreeButAreNeverHit) {
+    Mesh m;
+    m.verts = {{-4, -4, 0}, {4, -4, 0}, {0, 4, 0}, {-1, 0, 0}, {1, 0, 0}, {0.5f, 0, 0}};
+    // A real face, then a repeated corner and collinear corners lying on it.
+    m.faces = {Face{{0, 1, 2}, 1, 0}, Face{{3, 4, 4}, 1, 0}, Face{{3, 5, 4}, 1, 0}};
+    PatternTile tile;
+    tile.build(m, Matrix3(), Point3(10, 10, 10), 1, 1);
+    ASSERT_EQ(tile.faceCount, 3);
+    std::vector<int> listed(3, 0);
+    std::vector<const PatternOctreeNode*> stack{tile.tree.get()};
+    while (!stack.empty()) {
+        const PatternOctreeNode* n = stack.back();
+        stack.pop_back();
+        for (const PatternFace* f : n->faces) listed[f->faceIndex] = 1;
+        if (!n->isLeaf()) stack.insert(stack.end(), n->children, n->children + 8);
+    }
+    EXPECT_EQ(listed, std::vector<int>({1, 1, 1}));
+    for (float x : {-1.0f, -0.3f, 0.5f, 1.0f})
+        EXPECT_EQ(hitFace(tile, Point3(x + 5, 5, 9), Point3(0, 0, -1)), 0) << x;
+}
+
+TEST(TileBuild, AZeroFaceTileIsOneEmptyLeafThatNoRayHits) {
+    Mesh m;
+    m.verts = {{0, 0, 0}, {1, 1, 1}};
+    PatternTile tile;
+    tile.build(m, Matrix3(), Point3(2, 2, 2), 1, 1);
+    ASSERT_NE(tile.tree, nullptr);
+    EXPECT_TRUE(tile.tree->isLeaf() && tile.tree->faceCount == 0 && tile.faceCount == 0);
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<float> u(-3.0f, 3.0f);
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(hitFace(tile, Point3(u(rng), u(rng), u(rng)), Point3(u(rng), u(rng), 1)), -1);
+}
+
+TEST(TileBuild, CopiesEveryMapChannelAndReleaseFreesIt) {
+    Mesh m = squareMesh();
+    m.setMapSupport(0);
+    m.Map(0).verts = {{1, 0, 0}, {0, 1, 0}};
+    m.Map(0).faces = {{{0, 1, 1}}, {{1, 0, 0}}};
+    m.setMapSupport(99);
+    m.Map(99).verts = {{5, 5, 5}};
+    PatternTile tile;
+    tile.build(m, Matrix3(), Point3(4, 4, 4), 1, 1);
+    for (int ch = 0; ch < MAX_MESHMAPS; ++ch) {
+        const bool used = ch == 0 || ch == 1 || ch == 99;
+        ASSERT_EQ(tile.mapFaces[ch].size(), used ? 2u : 0u) << ch;
+        EXPECT_EQ(tile.mapVertices[ch], m.Map(ch).verts);
+        for (int f = 0; used && f < 2; ++f)
+            for (int c = 0; c < 3; ++c)
+                EXPECT_EQ(tile.mapFaces[ch][f][c], &tile.mapVertices[ch][m.Map(ch).faces[f].t[c]]);
+    }
+    EXPECT_EQ(tile.faces[1].materialId, 9u);
+    tile.release();
+    EXPECT_TRUE(tile.mapVertices[1].empty() && tile.mapFaces[1].empty() && !tile.tree);
+}
+
+TEST(TileBuild, BrokenMeshesBuildAndWalkWithoutCrashing) {
+    Mesh m = squareMesh();
+    m.verts.push_back({kNaN, 0, 0});
+    m.verts.push_back({kInf, -kInf, 1});
+    m.faces.push_back(Face{{0, 99, 1}, 1, 0});  // index out of range
+    m.faces.push_back(Face{{0, 4, 1}, 1, 0});   // NaN corner
+    m.faces.push_back(Face{{5, 1, 2}, 1, 0});   // infinite corner
+    m.Map(1).faces.resize(3);                   // a map face short...
+    m.Map(1).faces[2] = {{0, 1, 1234}};         // ...and a bad map index
+    PatternTile tile;
+    tile.build(m, Matrix3(), Point3(4, 4, 4), 1, 1);
+    ASSERT_EQ(tile.faceCount, 5);
+    for (const Point3* v : tile.faces[2].vertex) EXPECT_EQ(v, &tile.vertices[0]);
+    EXPECT_EQ(*tile.mapFaces[1][2][2], Point3());
+    EXPECT_EQ(*tile.mapFaces[1][4][0], Point3());
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<float> u(-1.0f, 5.0f);
+    int hits = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const int f = hitFace(tile, Point3(u(rng), u(rng), u(rng)), Point3(u(rng), u(rng), u(rng)));
+        EXPECT_LT(f, 2);
+        hits += f >= 0;
+    }
+    EXPECT_GT(hits, 0);
+    // Faces without any vertices.
+    Mesh empty;
+    empty.faces = {Face{{0, 1, 2}, 1, 0}};
+    tile.build(empty, Matrix3(), Point3(4, 4, 4), 1, 1);
+    EXPECT_EQ(tile.faceCount, 1);
+    EXPECT_EQ(hitFace(tile, Point3(2, 2, 3), Point3(0, 0, -1)), -1);
+}
+
+struct DeleteThis {
+    void operator()(Animatable* a) const {
+        if (a) a->DeleteThis();
+    }
+};
+using ObjectPtr = std::unique_ptr<Object, DeleteThis>;
+ObjectPtr newMosaiq() { return ObjectPtr(static_cast<Object*>(mosaiq::GetMosaiqDesc().Create())); }
+
+class TileCapture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(pb_, nullptr);
+        dir_ = fs::temp_directory_path() /
+               ("mosaiq-tile-test-" +
+                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    Node* addNode(const std::string& name, Object* obj, const Matrix3& tm = Matrix3()) {
+        auto node = std::make_unique<Node>(name);
+        node->SetObjectRef(obj);
+        node->setLocalTM(tm);
+        return host_.GetRootNode()->attachChild(std::move(node));
+    }
+    void setCrop(Point3 size, const Matrix3& crop, int segU = 1, int segV = 1) {
+        for (int i = 0; i < 3; ++i) pb_->SetValue(mosaiq::kCropSize, 0, size[i], i);
+        pb_->SetValue(mosaiq::kCropTransform, 0, crop);
+        pb_->SetValue(mosaiq::kRandomSegmentCount, 0, segU, 0);
+        pb_->SetValue(mosaiq::kRandomSegmentCount, 0, segV, 1);
+    }
+    void pick(Node* node, Point3 size, const Matrix3& crop, int segU = 1, int segV = 1) {
+        pb_->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceScene);
+        pb_->SetValue(mosaiq::kPattern, 0, node);  // resets the crop box, so set it after
+        setCrop(size, crop, segU, segV);
+    }
+    void useFile(const fs::path& file) {
+        pb_->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
+        pb_->SetValue(mosaiq::kPatternFile, 0, file.string());
+    }
+    fs::path write(const std::string& name, const std::string& text) {
+        std::ofstream(dir_ / name, std::ios::binary) << text;
+        return dir_ / name;
+    }
+    static void expectUnbuilt(const PatternTile& tile) {
+        EXPECT_TRUE(!tile.built && !tile.tree && tile.faceCount == 0 && tile.vertices.empty());
+    }
+
+    HostInterface host_;
+    ObjectPtr mosaiq_ = newMosaiq();
+    ParamBlock* pb_ = mosaiq_ ? mosaiq_->GetParamBlock(0) : nullptr;
+    fs::path dir_;
+};
+
+TEST_F(TileCapture, FromASceneNodeTheCropFollowsThePositionNotTheRotation) {
+    Node* node =
+        addNode("Square", new TriObject(squareMesh()),
+                RotateZMatrix(std::numbers::pi_v<float> / 2) * TransMatrix(Point3(100, 50, 7)));
+    pick(node, Point3(4, 4, 2), TransMatrix(Point3(0.5f, 0, 0)), 2, 1);
+    PatternTile tile;
+    ASSERT_TRUE(tile.capture(pb_, 0));
+    EXPECT_TRUE(tile.built);
+    EXPECT_EQ(tile.faceCount, 2);
+    EXPECT_EQ(tile.segmentSize, Point3(2, 4, 2));
+    // (1, -1, 0) turns to (1, 1, 0), moves by -0.5 in x and on to the box centre (2, 2, 1).
+    expectNear(tile.vertices[1], Point3(2.5f, 3, 1), 1e-4f);
+    expectNear(tile.vertices[3], Point3(0.5f, 1, 1), 1e-4f);
+    EXPECT_EQ(tile.mapVertices[1].size(), 4u);
+    EXPECT_GE(hitFace(tile, Point3(2.4f, 2.2f, 3), Point3(0, 0, -1)), 0);
+    EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), 1);
+}
+
+TEST_F(TileCapture, ConvertsAPrimitiveToATriangleMesh) {
+    Object* sphere = createObject(GEOMOBJECT_CLASS_ID, SPHERE_CLASS_ID);
+    ASSERT_NE(sphere, nullptr);
+    const int faces = meshOfObject(sphere, 0)->getNumFaces();
+    pick(addNode("Sphere", sphere), Point3(120, 120, 120), Matrix3());
+    PatternTile tile;
+    ASSERT_TRUE(tile.capture(pb_, 0));
+    EXPECT_EQ(tile.faceCount, faces);
+    EXPECT_GE(hitFace(tile, Point3(60, 60, 200), Point3(0, 0, -1)), 0);
+}
+
+TEST_F(TileCapture, FailsWithoutAUsableSceneMesh) {
+    Mesh noFaces;
+    noFaces.verts = {{0, 0, 0}};
+    Node* nodes[] = {nullptr, addNode("Empty", nullptr), addNode("NoFaces", new TriObject(noFaces)),
+                     addNode("Other", newMosaiq().release())};  // not convertible
+    PatternTile tile;
+    for (Node* node : nodes) {
+        pick(node, Point3(1, 1, 1), Matrix3());
+        EXPECT_FALSE(tile.capture(pb_, 0)) << (node ? node->GetName() : "no node");
+        expectUnbuilt(tile);
+    }
+    EXPECT_FALSE(tile.capture(nullptr, 0));
+}
+
+TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
+    addNode("Keep", new TriObject(squareMesh()));
+    useFile(write("two.obj",
+                  "o First\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
+                  "o Second\nv 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\nf 4 5 6\nf 4 6 7\n"));
+    setCrop(Point3(2, 2, 2), TransMatrix(Point3(0, 0, 0.5f)));
+    PatternTile tile;
+    ASSERT_TRUE(tile.capture(pb_, 0)) << host_.lastError();
+    ASSERT_EQ(tile.faceCount, 1);
+    const PatternFace& f = tile.faces[0];
+    EXPECT_EQ(*f.vertex[0], Point3(1, 1, 0.5f));
+    EXPECT_EQ(*f.vertex[1], Point3(2, 1, 0.5f));
+    EXPECT_EQ(*f.vertex[2], Point3(1, 2, 0.5f));
+    ASSERT_EQ(host_.scene().allNodes().size(), 1u);
+    EXPECT_EQ(host_.GetRootNode()->GetChildNode(0)->GetName(), "Keep");
+}
+
+TEST_F(TileCapture, FailsOnMissingOrBrokenFiles) {
+    PatternTile tile;
+    setCrop(Point3(2, 2, 2), Matrix3());
+    for (const fs::path& file :
+         {dir_ / "missing.obj", write("garbage.glb", "\x01\x02 not a mesh"), dir_, fs::path()}) {
+        useFile(file);
+        EXPECT_FALSE(tile.capture(pb_, 0)) << file;
+        expectUnbuilt(tile);
+        EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), 0) << file;
+    }
+}
+
+TEST_F(TileCapture, ABuiltTileIsKeptUntilReleased) {
+    pick(addNode("Square", new TriObject(squareMesh())), Point3(4, 4, 4), Matrix3());
+    PatternTile tile;
+    ASSERT_TRUE(tile.capture(pb_, 0));
+    const Point3 before = tile.vertices[0];
+    useFile(dir_ / "missing.obj");  // not read while the tile is built
+    setCrop(Point3(50, 50, 50), Matrix3());
+    EXPECT_TRUE(tile.capture(pb_, 0));
+    EXPECT_EQ(tile.vertices[0], before);
+    EXPECT_EQ(tile.cropSize, Point3(4, 4, 4));
+    tile.release();
+    expectUnbuilt(tile);
+    EXPECT_FALSE(tile.capture(pb_, 0));
+}
+
+TEST(TileCaptureWithoutHost, AFilePatternNeedsAnInterface) {
+    ASSERT_EQ(GetCOREInterface(), nullptr);
+    ObjectPtr obj = newMosaiq();
+    ParamBlock* pb = obj->GetParamBlock(0);
+    pb->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
+    pb->SetValue(mosaiq::kPatternFile, 0, "/usr/share/assimp/models/OBJ/box.obj");
+    PatternTile tile;
+    EXPECT_FALSE(tile.capture(pb, 0));
+    EXPECT_FALSE(tile.built);
+}
+
+}  // namespace
+}  // namespace mq
