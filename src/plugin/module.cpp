@@ -1,5 +1,7 @@
 #include "plugin/module.h"
 
+#include "engine/segment_walk.h"
+
 #include <dlfcn.h>
 #include <link.h>
 
@@ -11,6 +13,9 @@ void* gModule = nullptr;
 
 // Runs when the library is loaded, before any entry point.
 __attribute__((constructor)) void recordModuleHandle() {
+    // The segment walk's random table is built before any render can start.
+    mq::SegmentRandomTable::fill();
+
     Dl_info info{};
     link_map* ownMap = nullptr;
     if (!dladdr1(reinterpret_cast<void*>(&recordModuleHandle), &info,
