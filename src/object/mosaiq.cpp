@@ -2,6 +2,7 @@
 
 #include "host/node.h"
 #include "object/cropmodes.h"
+#include "object/pattern_store.h"
 #include "plugin/about.h"
 #include "plugin/classdesc.h"
 #include "plugin/entry.h"
@@ -21,7 +22,7 @@ HostInterface* gEditIp = nullptr;
 
 }  // namespace
 
-Mosaiq::Mosaiq() {
+Mosaiq::Mosaiq() : patternStore_(std::make_unique<PatternPointCloud>()) {
     gEditIp = nullptr;
     GetMosaiqDesc().MakeAutoParamBlocks(this);
     aboutPage_ = 0;
@@ -42,11 +43,74 @@ Mosaiq::~Mosaiq() {
 
 HostInterface* Mosaiq::editInterface() { return gEditIp; }
 
-void Mosaiq::resetCropBox(bool withUndo) {}
+void Mosaiq::setPatternNode(Node* node) {
+    patternNode_ = node;
+    patternNodeHandle_ = node ? node->GetHandle() : 0;
+    // A file pattern's store stays until another file is loaded.
+    if (node && patternSource_ == kSourceScene) samplePatternNode(node);
+}
+
+Node* Mosaiq::livePatternNode() const {
+    return patternNodeHandle_ ? Node::fromHandle(patternNodeHandle_) : nullptr;
+}
+
+void Mosaiq::samplePatternNode(Node* node) {
+    // Noted first: evaluating the node may evaluate this object again.
+    sampledNodeHandle_ = node->GetHandle();
+    std::optional<Mesh> mesh = patternNodeMesh(node);
+    if (!mesh) return;
+    // The summary's box is the object's own bounds, as for a file pattern.
+    TriObject pattern(std::move(*mesh));
+    auto cloud = std::make_unique<PatternPointCloud>();
+    if (sample(*cloud, &pattern)) adoptPatternStore(std::move(cloud));
+}
+
+void Mosaiq::adoptPatternStore(std::unique_ptr<PatternPointCloud> cloud) {
+    patternStore_ = std::move(cloud);
+    // The one place the flag is set; nothing clears it (see renderReady()).
+    renderReady_ = true;
+}
 
 bool Mosaiq::loadPatternFile() {
     ++loadPatternFileCalls_;
-    return false;
+    try {
+        if (!pblock_) {
+            lastPatternError_ = "Pattern file: the object has no parameter block";
+            return false;
+        }
+        const std::string path = pblock_->GetStr(kPatternFile, 0);
+        auto cloud = std::make_unique<PatternPointCloud>();
+        std::string error;
+        if (!loadPatternStore(*cloud, path, &error)) {
+            lastPatternError_ = error;
+            return false;
+        }
+        lastPatternError_.clear();
+        sampledNodeHandle_ = 0;
+        adoptPatternStore(std::move(cloud));
+        return true;
+    } catch (...) {
+        // Called from the UI and the post-load callback: nothing leaves it.
+        lastPatternError_ = "Pattern file: out of memory";
+        return false;
+    }
+}
+
+bool Mosaiq::browseAndLoadPatternFile(
+    const std::function<std::optional<std::string>(const std::string& start)>& chooseFile) {
+    lastPatternError_.clear();
+    if (!pblock_ || !chooseFile) return false;
+    std::optional<std::string> chosen;
+    try {
+        chosen = chooseFile(pblock_->GetStr(kPatternFile, 0));
+        if (!chosen) return false;
+        pblock_->SetValue(kPatternFile, 0, *chosen);
+        patternPBDesc().InvalidateUI(kPatternFile);
+    } catch (...) {
+        lastPatternError_ = "Pattern file: the file could not be chosen";
+        return false;
+    }
+    return loadPatternFile();
 }
 
 Animatable* Mosaiq::SubAnim(int i) { return pblock_; }
@@ -102,11 +166,15 @@ void Mosaiq::refreshWorkingCopy(TimeValue t) {
         Node* node = nullptr;
         pblock_->GetValue(kPattern, t, node, valid);
         patternNode_ = node;
+        patternNodeHandle_ = node ? node->GetHandle() : 0;
         // Only the node's position counts, not its rotation or scale.
         if (node) {
             patternNodeTM_.IdentityMatrix();
             patternNodeTM_.SetTrans(node->GetNodeTM(0).GetTrans());
         }
+        // A node set past the accessor (a loaded scene, an undone pick) is
+        // sampled here, once.
+        if (node && node->GetHandle() != sampledNodeHandle_) samplePatternNode(node);
     }
 
     pblock_->GetValue(kCropTransform, 0, cropTransform_, valid);

@@ -6,14 +6,19 @@
 // has run for the current time.
 #pragma once
 
+#include "engine/point_cloud.h"
 #include "host/interface.h"
 #include "host/mesh.h"
+#include "host/node.h"
 #include "host/object.h"
 #include "host/paramblock.h"
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace mosaiq {
 
@@ -38,21 +43,54 @@ public:
     float dummySize() const { return dummySize_; }
     int32_t patternEnabled() const { return patternEnabled_; }
 
-    // Set when the pattern store holds a captured pattern; the renderer makes
-    // instances only then.
+    // Set when the pattern store first holds a captured pattern (a pattern
+    // file loaded, or a picked "Pattern" node sampled); the renderer makes
+    // instances only then. Never cleared: a failed load keeps the store, and
+    // with it the flag, as they were.
     bool renderReady() const { return renderReady_; }
     // The About page while the object is being edited, 0 otherwise.
     int aboutPage() const { return aboutPage_; }
     // The interface of the object being edited, null otherwise.
     static mq::HostInterface* editInterface();
 
-    // The node picked as "Pattern" (PatternPBAccessor).
-    void setPatternNode(mq::Node* node) { patternNode_ = node; }
-    // Fit the crop box to the pattern, with identity rotation. withUndo wraps
-    // it in an undo step "Reset Crop Box".
-    void resetCropBox(bool withUndo);
-    // Read "Pattern_File" into the pattern store. False when nothing was loaded.
+    // The pattern store: the point-cloud summary of the current pattern that
+    // the crop-box operations read (the renderer captures the full tile
+    // itself). Not valid until a pattern was sampled or loaded.
+    const mq::PatternPointCloud& patternStore() const { return *patternStore_; }
+
+    // The node picked as "Pattern" (PatternPBAccessor). With a scene pattern
+    // its mesh is sampled into the pattern store; a node without a mesh
+    // leaves the store as it was.
+    void setPatternNode(mq::Node* node);
+
+    // Undo step names of the crop-box operations.
+    static constexpr const char* kResetCropBoxUndo = "Reset Crop Box";
+    static constexpr const char* kFitCropBoxUndo = "Fit Crop Box";
+    // Make the crop box enclose the whole pattern with identity rotation:
+    // the picked node's mesh (its pivot's position plays no part) or the
+    // pattern store, by the working copy's pattern source. withUndo makes it
+    // one undo step "Reset Crop Box"; without, the writes make no step of
+    // their own (they join a hold the caller has open). False, with both
+    // parameters unchanged, when there is no pattern to fit to.
+    bool resetCropBox(bool withUndo);
+    // Keep the crop box's rotation (scale and position dropped) and fit its
+    // size and centre to the pattern; one undo step "Fit Crop Box". False,
+    // with both parameters unchanged, when there is no pattern.
+    bool fitCropBox();
+
+    // Read "Pattern_File" (time 0) into the pattern store through the
+    // current host interface. False when nothing was loaded: the store keeps
+    // what it had and lastPatternError() says why. Main thread only.
     bool loadPatternFile();
+    // Let chooseFile pick a pattern file, starting from "Pattern_File"; when
+    // it returns a path, write it to "Pattern_File", refresh that
+    // parameter's controls and load it. False when nothing was chosen (with
+    // an empty lastPatternError()) or the load failed.
+    bool browseAndLoadPatternFile(
+        const std::function<std::optional<std::string>(const std::string& start)>& chooseFile);
+    // Why the last pattern-file load failed, naming the file; empty after a
+    // successful load.
+    const std::string& lastPatternError() const { return lastPatternError_; }
     // How often loadPatternFile ran.
     int loadPatternFileCalls() const { return loadPatternFileCalls_; }
 
@@ -94,6 +132,15 @@ public:
 
 private:
     void refreshWorkingCopy(mq::TimeValue t);
+    // The pattern node if it still exists: the pointer may outlive a deleted node.
+    mq::Node* livePatternNode() const;
+    // Sample node's mesh into the pattern store; the store is kept on failure.
+    void samplePatternNode(mq::Node* node);
+    // Take a freshly filled cloud as the pattern store.
+    void adoptPatternStore(std::unique_ptr<mq::PatternPointCloud> cloud);
+    // Write "Crop_Size" (element by element) and "Crop_Transfrom" at time 0,
+    // and the working copy.
+    void writeCropBox(const mq::Point3& size, const mq::Matrix3& transform);
 
     mq::Mesh renderMesh_;
     float shift_ = 0.0f;
@@ -102,14 +149,20 @@ private:
     mq::Point3 cropSize_{20.0f, 10.0f, 10.0f};
     std::array<int32_t, 2> segmentCounts_{1, 1};
     mq::Node* patternNode_ = nullptr;
+    mq::Node::Handle patternNodeHandle_ = 0;
     mq::Matrix3 patternNodeTM_;
-    // The pattern store (the captured tile) goes here.
+    // Always allocated; replaced whole, never modified in place.
+    std::unique_ptr<mq::PatternPointCloud> patternStore_;
+    // The node last sampled into the store (successfully or not), so each
+    // pick is sampled once; 0 after a file load.
+    mq::Node::Handle sampledNodeHandle_ = 0;
     float dummySize_ = 1.0f;
     int32_t patternEnabled_ = 1;
     mq::ParamBlock* pblock_ = nullptr;
     int aboutPage_ = 0;
 
     bool renderReady_ = false;
+    std::string lastPatternError_;
     int loadPatternFileCalls_ = 0;
     // Move, rotate, uniform scale, non-uniform scale, squash; while editing.
     std::array<std::unique_ptr<mq::CommandMode>, 5> cropModes_;

@@ -1,0 +1,382 @@
+// The pattern store (pattern files, picked nodes) and the crop-box operations that read it.
+#include "host/hold.h"
+#include "host/interface.h"
+#include "host/node.h"
+#include "object/mosaiq.h"
+#include "plugin/classdesc.h"
+#include "plugin/params.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <numbers>
+#include <sstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace mosaiq;
+using mq::Matrix3;
+using mq::Point3;
+
+struct DeleteThis {
+    void operator()(mq::Animatable* a) const { a->DeleteThis(); }
+};
+
+// The pattern of these tests: a box 10 x 20 x 30 centred at (1, 2, 3).
+const Point3 kLo{-4, -8, -12};
+const Point3 kHi{6, 12, 18};
+const int kQuads[6][4] = {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4},
+                          {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}};
+
+Point3 corner(const Point3& lo, const Point3& hi, int i) {
+    return {i & 1 ? hi.x : lo.x, i & 2 ? hi.y : lo.y, i & 4 ? hi.z : lo.z};
+}
+
+std::unique_ptr<mq::Node> boxNode(const Matrix3& tm = Matrix3(), Point3 lo = kLo, Point3 hi = kHi) {
+    mq::Mesh mesh;
+    for (int i = 0; i < 8; ++i) mesh.verts.push_back(corner(lo, hi, i));
+    for (const auto& q : kQuads) {
+        mesh.faces.push_back({{uint32_t(q[0]), uint32_t(q[1]), uint32_t(q[2])}});
+        mesh.faces.push_back({{uint32_t(q[0]), uint32_t(q[2]), uint32_t(q[3])}});
+    }
+    auto node = std::make_unique<mq::Node>("pattern");
+    node->SetObjectRef(new mq::TriObject(mesh));
+    node->setLocalTM(tm);
+    return node;
+}
+
+// OBJ text of a box named name whose corners follow `base` vertices already written.
+std::string boxObj(const Point3& lo, const Point3& hi, const char* name, int base = 0) {
+    std::ostringstream text;
+    text << "o " << name << "\n";
+    for (int i = 0; i < 8; ++i) {
+        const Point3 p = corner(lo, hi, i);
+        text << "v " << p.x << " " << p.y << " " << p.z << "\n";
+    }
+    for (const auto& q : kQuads)
+        text << "f " << base + q[0] + 1 << " " << base + q[1] + 1 << " " << base + q[2] + 1 << " "
+             << base + q[3] + 1 << "\n";
+    return text.str();
+}
+
+void expectNear(const Point3& a, const Point3& b, float eps = 1e-4f) {
+    EXPECT_NEAR(a.x, b.x, eps);
+    EXPECT_NEAR(a.y, b.y, eps);
+    EXPECT_NEAR(a.z, b.z, eps);
+}
+
+// A host with one node of its own, a new object, a folder of pattern files
+// removed afterwards, and an empty undo history before and after.
+class Pattern : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mq::theHold.Reset();
+        dir_ = fs::temp_directory_path() /
+               ("mq_pattern_" + std::to_string(getpid()) + "_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir_);
+        ip_.GetRootNode()->attachChild(std::make_unique<mq::Node>("Existing"));
+        obj_.reset(dynamic_cast<Mosaiq*>(static_cast<mq::Object*>(GetMosaiqDesc().Create(false))));
+        pb_ = obj_->GetParamBlock(0);
+        boxFile_ = write("box.obj", boxObj(kLo, kHi, "box"));
+    }
+    void TearDown() override {
+        mq::theHold.Reset();
+        fs::remove_all(dir_);
+    }
+
+    std::string write(const std::string& name, const std::string& text) {
+        std::ofstream((dir_ / name).string(), std::ios::binary) << text;
+        return (dir_ / name).string();
+    }
+    bool load(const std::string& path) {
+        pb_->SetValue(kPatternFile, 0, path);
+        return obj_->loadPatternFile();
+    }
+    void setSource(int source) {
+        pb_->SetValue(kPatternSource, 0, source);
+        obj_->ObjectValidity(0);
+    }
+    // A scene pattern set past the accessor, so the crop box is not reset.
+    void useNode(mq::Node* node) {
+        pb_->setRawValue(kPattern, 0, mq::NodeRef{node->GetHandle()});
+        setSource(kSourceScene);
+    }
+    void setCropBox(const Point3& size, const Matrix3& tm) {
+        for (int i = 0; i < 3; ++i) pb_->SetValue(kCropSize, 0, size[i], i);
+        pb_->SetValue(kCropTransform, 0, tm);
+        obj_->ObjectValidity(0);
+    }
+    Point3 cropSize() {
+        return {pb_->GetFloat(kCropSize, 0, 0), pb_->GetFloat(kCropSize, 0, 1),
+                pb_->GetFloat(kCropSize, 0, 2)};
+    }
+    Matrix3 cropTransform() { return pb_->GetMatrix3(kCropTransform); }
+    void expectOnlyTheHostsNode() {
+        ASSERT_EQ(ip_.GetRootNode()->NumberOfChildren(), 1);
+        EXPECT_EQ(ip_.GetRootNode()->GetChildNode(0)->GetName(), "Existing");
+    }
+
+    fs::path dir_;
+    mq::HostInterface ip_;
+    std::unique_ptr<Mosaiq, DeleteThis> obj_;
+    mq::ParamBlock* pb_ = nullptr;
+    std::string boxFile_;
+};
+
+TEST_F(Pattern, LoadingAFileFillsTheStoreAndLeavesNoMergedNode) {
+    EXPECT_FALSE(obj_->renderReady());
+    ASSERT_TRUE(load(boxFile_)) << obj_->lastPatternError();
+    EXPECT_TRUE(obj_->lastPatternError().empty());
+    EXPECT_TRUE(obj_->renderReady());
+    expectOnlyTheHostsNode();
+    // The file's own object space: OBJ's Y-up turn belongs to the node.
+    const mq::PatternPointCloud& store = obj_->patternStore();
+    ASSERT_TRUE(store.valid);
+    EXPECT_EQ(store.box.pmin, kLo);
+    EXPECT_EQ(store.box.pmax, kHi);
+    const mq::Box3 near(kLo - Point3(1e-4f, 1e-4f, 1e-4f), kHi + Point3(1e-4f, 1e-4f, 1e-4f));
+    for (const Point3& p : store.points) ASSERT_TRUE(near.Contains(p));
+
+    // Of several objects the first supplies the pattern; all are removed.
+    ASSERT_TRUE(load(write("two.obj", boxObj({0, 0, 0}, {1, 1, 1}, "first") +
+                                          boxObj({5, 5, 5}, {9, 9, 9}, "second", 8))));
+    expectOnlyTheHostsNode();
+    EXPECT_EQ(obj_->patternStore().box.pmax, Point3(1, 1, 1));
+}
+
+TEST_F(Pattern, BadFilesFailNamingTheFileAndKeepTheStore) {
+    ASSERT_TRUE(load(boxFile_));
+    const auto before = std::make_unique<mq::PatternPointCloud>(obj_->patternStore());
+    const std::pair<std::string, const char*> cases[] = {
+        {(dir_ / "missing.obj").string(), "does not exist"},
+        {"/", "is a folder"},  // a new object's "Pattern_File"
+        {write("garbage.glb", std::string("glTF\x02\0\0\0 not really", 19)), "cannot be read"},
+        {write("lines.obj", "v 0 0 0\nv 1 0 0\nl 1 2\n"), "cannot be read"},
+    };
+    for (const auto& [path, reason] : cases) {
+        SCOPED_TRACE(path);
+        EXPECT_FALSE(load(path));
+        const std::string& error = obj_->lastPatternError();
+        EXPECT_NE(error.find("\"" + path + "\""), std::string::npos) << error;
+        EXPECT_NE(error.find(reason), std::string::npos) << error;
+        EXPECT_EQ(obj_->patternStore().points, before->points);
+        EXPECT_EQ(obj_->patternStore().box.pmax, kHi);
+        EXPECT_TRUE(obj_->renderReady());
+        expectOnlyTheHostsNode();
+    }
+}
+
+TEST_F(Pattern, BrowseWritesTheChosenFileThenLoads) {
+    std::vector<std::string> starts;
+    auto choose = [&](std::optional<std::string> answer) {
+        return [&starts, answer](const std::string& start) {
+            starts.push_back(start);
+            return answer;
+        };
+    };
+    const int refreshes = patternPBDesc().invalidateCount();
+    EXPECT_FALSE(obj_->browseAndLoadPatternFile(choose(std::nullopt)));
+    EXPECT_EQ(pb_->GetStr(kPatternFile), "/");
+    EXPECT_EQ(obj_->loadPatternFileCalls(), 0);
+
+    EXPECT_TRUE(obj_->browseAndLoadPatternFile(choose(boxFile_)));
+    EXPECT_EQ(starts, (std::vector<std::string>{"/", "/"}));
+    EXPECT_EQ(pb_->GetStr(kPatternFile), boxFile_);
+    EXPECT_EQ(patternPBDesc().invalidateCount(), refreshes + 1);
+    EXPECT_TRUE(obj_->patternStore().valid);
+}
+
+TEST_F(Pattern, SceneLoadReloadsOnlyAFilePattern) {
+    for (int source : {kSourceScene, kSourceFile}) {
+        SCOPED_TRACE(source);
+        std::unique_ptr<Mosaiq, DeleteThis> loaded(
+            dynamic_cast<Mosaiq*>(static_cast<mq::Object*>(GetMosaiqDesc().Create(false))));
+        loaded->GetParamBlock(0)->SetValue(kPatternFile, 0, boxFile_);
+        loaded->GetParamBlock(0)->SetValue(kPatternSource, 0, source);
+        mq::ILoad iload;
+        loaded->Load(&iload);
+        iload.runPostLoadCallbacks();
+        EXPECT_EQ(loaded->patternStore().valid, source == kSourceFile);
+        EXPECT_EQ(loaded->renderReady(), source == kSourceFile);
+        expectOnlyTheHostsNode();
+    }
+}
+
+TEST_F(Pattern, APickedNodeIsSampledOnlyForAScenePattern) {
+    std::unique_ptr<mq::Node> small = boxNode(mq::TransMatrix({100, 0, 0}), {0, 0, 0}, {2, 2, 2});
+    pb_->SetValue(kPattern, 0, small.get());
+    EXPECT_EQ(obj_->patternStore().box.pmax, Point3(2, 2, 2));  // object space
+    EXPECT_TRUE(obj_->renderReady());
+
+    // A loaded file pattern is not replaced by a pick; the scene pattern
+    // comes back with the next evaluation.
+    setSource(kSourceFile);
+    ASSERT_TRUE(load(boxFile_));
+    pb_->SetValue(kPattern, 0, small.get());
+    EXPECT_EQ(obj_->patternStore().box.pmax, kHi);
+    setSource(kSourceScene);
+    EXPECT_EQ(obj_->patternStore().box.pmax, Point3(2, 2, 2));
+}
+
+TEST_F(Pattern, WithoutAPatternTheCropBoxStaysAndNoHoldStaysOpen) {
+    const Point3 size{7, 8, 9};
+    const Matrix3 tm = mq::RotateXMatrix(0.4f) * mq::TransMatrix({1, 1, 1});
+    auto noObject = std::make_unique<mq::Node>("empty");
+    std::unique_ptr<mq::Node> deleted = boxNode();
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"file source, nothing loaded", [&] { setSource(kSourceFile); }},
+        {"scene source, no node", [&] { setSource(kSourceScene); }},
+        {"node without an object", [&] { useNode(noObject.get()); }},
+        {"node deleted since the last evaluation",
+         [&] {
+             useNode(deleted.get());
+             deleted.reset();
+         }},
+    };
+    for (const auto& [what, arrange] : cases) {
+        SCOPED_TRACE(what);
+        setCropBox(size, tm);
+        arrange();
+        EXPECT_FALSE(obj_->resetCropBox(true));
+        EXPECT_FALSE(obj_->resetCropBox(false));
+        EXPECT_FALSE(obj_->fitCropBox());
+        EXPECT_EQ(cropSize(), size);
+        EXPECT_EQ(cropTransform(), tm);
+        EXPECT_EQ(mq::theHold.depth(), 0);
+        EXPECT_EQ(mq::theHold.undoCount(), 0);
+    }
+    // Inside the caller's hold a stop closes only its own.
+    mq::theHold.Begin();
+    EXPECT_FALSE(obj_->resetCropBox(true));
+    EXPECT_EQ(mq::theHold.depth(), 1);
+}
+
+TEST_F(Pattern, ResetEnclosesThePatternWithIdentityRotation) {
+    const float quarter = std::numbers::pi_v<float> / 2;
+    struct Case {
+        const char* what;
+        bool fromFile;
+        Matrix3 nodeTM;
+        Point3 size, centre;
+    };
+    // The node's position plays no part, its rotation does.
+    const Case cases[] = {
+        {"file", true, Matrix3(), {10, 20, 30}, {1, 2, 3}},
+        {"node", false, Matrix3(), {10, 20, 30}, {1, 2, 3}},
+        {"moved node", false, mq::TransMatrix({100, -200, 300}), {10, 20, 30}, {1, 2, 3}},
+        {"turned node",
+         false,
+         mq::RotateZMatrix(quarter) * mq::TransMatrix({5, 5, 5}),
+         {20, 10, 30},
+         {-2, 1, 3}},
+    };
+    std::unique_ptr<mq::Node> node;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        if (c.fromFile) {
+            ASSERT_TRUE(load(boxFile_));
+            setSource(kSourceFile);
+        } else {
+            node = boxNode(c.nodeTM);
+            useNode(node.get());
+        }
+        setCropBox({1, 1, 1}, mq::RotateYMatrix(1.0f) * mq::TransMatrix({9, 9, 9}));
+        ASSERT_TRUE(obj_->resetCropBox(true));
+        expectNear(cropSize(), c.size);
+        Matrix3 rotation = cropTransform();
+        expectNear(rotation.GetTrans(), c.centre);
+        rotation.NoTrans();
+        EXPECT_TRUE(rotation.IsIdentity());
+        EXPECT_EQ(obj_->cropTransform(), cropTransform());  // the working copy follows
+    }
+}
+
+TEST_F(Pattern, AFlatPatternGetsTheSmallestCropHeight) {
+    std::unique_ptr<mq::Node> flat = boxNode(Matrix3(), {0, 0, 5}, {4, 6, 5});
+    useNode(flat.get());
+    ASSERT_TRUE(obj_->resetCropBox(true));
+    EXPECT_EQ(cropSize(), Point3(4, 6, 1e-7f));
+}
+
+TEST_F(Pattern, FitKeepsTheRotationAndDropsScaleAndPosition) {
+    std::unique_ptr<mq::Node> node = boxNode(mq::TransMatrix({40, 0, 0}));
+    useNode(node.get());
+    const Matrix3 rotation = mq::RotateXMatrix(0.3f) * mq::RotateZMatrix(0.7f);
+    setCropBox({1, 2, 3}, mq::ScaleMatrix({2, 3, 0.5f}) * rotation * mq::TransMatrix({50, 60, 70}));
+    ASSERT_TRUE(obj_->fitCropBox());
+    const Matrix3 tm = cropTransform();
+    for (int r = 0; r < 3; ++r) expectNear(tm.GetRow(r), rotation.GetRow(r), 1e-6f);
+    // Oracle: the corners projected on the rotation's unit axes.
+    mq::Box3 inBox;
+    for (int i = 0; i < 8; ++i) {
+        const Point3 p = corner(kLo, kHi, i);
+        inBox +=
+            {mq::DotProd(p, rotation[0]), mq::DotProd(p, rotation[1]), mq::DotProd(p, rotation[2])};
+    }
+    expectNear(cropSize(), inBox.Width());
+    expectNear(tm.GetTrans(), inBox.Center() * rotation);
+
+    // From the store's points on the box's surface: inside the box, close to it.
+    ASSERT_TRUE(load(boxFile_));
+    setSource(kSourceFile);
+    setCropBox({1, 1, 1}, mq::RotateZMatrix(std::numbers::pi_v<float> / 2));
+    ASSERT_TRUE(obj_->fitCropBox());
+    expectNear(cropSize(), {20, 10, 30}, 0.1f);
+    EXPECT_LE(cropSize().x, 20.0f + 1e-4f);
+    expectNear(cropTransform().GetTrans(), {1, 2, 3}, 0.1f);
+}
+
+TEST_F(Pattern, OneUndoStepRevertsAWholeResetOrFit) {
+    std::unique_ptr<mq::Node> node = boxNode();
+    useNode(node.get());
+    const Point3 size{7, 8, 9};
+    const Matrix3 before = mq::RotateZMatrix(0.5f) * mq::TransMatrix({3, 3, 3});
+    const std::pair<const char*, std::function<bool()>> cases[] = {
+        {"Reset Crop Box", [&] { return obj_->resetCropBox(true); }},
+        {"Fit Crop Box", [&] { return obj_->fitCropBox(); }},
+    };
+    for (const auto& [name, run] : cases) {
+        SCOPED_TRACE(name);
+        mq::theHold.Reset();
+        setCropBox(size, before);
+        ASSERT_TRUE(run());
+        const Point3 afterSize = cropSize();
+        const Matrix3 after = cropTransform();
+        ASSERT_TRUE(afterSize != size && after != before);
+        EXPECT_EQ(mq::theHold.undoCount(), 1);
+        EXPECT_EQ(mq::theHold.undoName(), name);
+
+        ASSERT_TRUE(mq::theHold.Undo());
+        EXPECT_EQ(cropSize(), size);
+        EXPECT_EQ(cropTransform(), before);
+        ASSERT_TRUE(mq::theHold.Redo());
+        EXPECT_EQ(cropSize(), afterSize);
+        EXPECT_EQ(cropTransform(), after);
+    }
+}
+
+TEST_F(Pattern, PickingResetsAtOnceWithoutAStepOfItsOwn) {
+    std::unique_ptr<mq::Node> first = boxNode(mq::TransMatrix({100, 0, 0}));
+    ASSERT_TRUE(pb_->SetValue(kPattern, 0, first.get()));
+    EXPECT_EQ(cropSize(), Point3(10, 20, 30));
+    EXPECT_EQ(cropTransform(), mq::TransMatrix({1, 2, 3}));
+    EXPECT_EQ(mq::theHold.undoCount(), 0);
+
+    // Inside the caller's hold the reset joins the pick's step.
+    std::unique_ptr<mq::Node> second = boxNode(Matrix3(), {0, 0, 0}, {2, 2, 2});
+    mq::theHold.Begin();
+    pb_->SetValue(kPattern, 0, second.get());
+    mq::theHold.Accept("Pick Pattern");
+    EXPECT_EQ(cropSize(), Point3(2, 2, 2));
+    ASSERT_TRUE(mq::theHold.Undo());
+    EXPECT_EQ(cropSize(), Point3(10, 20, 30));
+    EXPECT_EQ(cropTransform(), mq::TransMatrix({1, 2, 3}));
+}
+
+}  // namespace
