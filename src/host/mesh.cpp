@@ -14,10 +14,10 @@ namespace {
 
 bool validChannel(int channel) { return channel >= 0 && channel < MAX_MESHMAPS; }
 
-// Copy of a normal spec that belongs to `owner`.
-std::unique_ptr<MeshNormalSpec> cloneSpec(const MeshNormalSpec* spec, Mesh* owner) {
-    if (!spec) return nullptr;
-    auto copy = std::make_unique<MeshNormalSpec>(*spec);
+// Copy of a normal set that belongs to `owner`.
+std::unique_ptr<MeshNormalSpec> cloneSpec(const MeshNormalSpec* nspec, Mesh* owner) {
+    if (!nspec) return nullptr;
+    auto copy = std::make_unique<MeshNormalSpec>(*nspec);
     copy->SetParent(owner);
     return copy;
 }
@@ -201,11 +201,11 @@ std::vector<std::string> Mesh::validate() const {
         }
     }
 
-    // An empty normal spec is only waiting for CheckNormals; a filled one must fit.
-    if (const MeshNormalSpec* spec = normalSpec_.get()) {
-        if (spec->GetParent() != this) report("normal spec belongs to another mesh");
-        const int numNormalFaces = spec->GetNumFaces();
-        const int numNormals = spec->GetNumNormals();
+    // An empty normal set is only waiting for CheckNormals; a filled one must fit.
+    if (const MeshNormalSpec* nspec = normalSpec_.get()) {
+        if (nspec->GetParent() != this) report("normal set belongs to another mesh");
+        const int numNormalFaces = nspec->GetNumFaces();
+        const int numNormals = nspec->GetNumNormals();
         if (numNormalFaces != 0 || numNormals != 0) {
             if (numNormalFaces != getNumFaces()) {
                 report("normals: " + std::to_string(numNormalFaces) + " normal faces for " +
@@ -213,7 +213,7 @@ std::vector<std::string> Mesh::validate() const {
             }
             for (int f = 0; f < numNormalFaces; ++f) {
                 for (int c = 0; c < 3; ++c) {
-                    const int n = spec->GetNormalIndex(f, c);
+                    const int n = nspec->GetNormalIndex(f, c);
                     if (n < 0 || n >= numNormals) {
                         report("normals: face " + std::to_string(f) + " corner " +
                                std::to_string(c) + ": normal index " + std::to_string(n) +
@@ -222,7 +222,7 @@ std::vector<std::string> Mesh::validate() const {
                 }
             }
             for (int n = 0; n < numNormals; ++n) {
-                if (!isFinite(spec->Normal(n))) {
+                if (!isFinite(nspec->Normal(n))) {
                     report("normals: normal " + std::to_string(n) + " is not finite");
                 }
             }

@@ -88,7 +88,7 @@ public:
     Mesh() = default;
     Mesh(const Mesh& other);
     Mesh& operator=(const Mesh& other);
-    // Moves hand the normal spec over and point it at the new mesh.
+    // Moves hand the normal set over and point it at the new mesh.
     Mesh(Mesh&& other) noexcept;
     Mesh& operator=(Mesh&& other) noexcept;
 
@@ -113,7 +113,7 @@ public:
     MeshMap& Map(int channel) { return maps_[channel]; }
     const MeshMap& Map(int channel) const { return maps_[channel]; }
 
-    // Creates the normal specification if the mesh has none.
+    // Creates the (empty) per-corner normals if the mesh has none.
     void SpecifyNormals();
     void ClearSpecifiedNormals() { normalSpec_.reset(); }
     MeshNormalSpec* GetSpecifiedNormals() { return normalSpec_.get(); }

@@ -135,9 +135,9 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
     EXPECT_EQ(mesh.verts.size(), 5u);
     ASSERT_EQ(mesh.faces.size(), 3u);
     ASSERT_TRUE(mesh.validate().empty());
-    const MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
-    ASSERT_TRUE(spec && spec->IsExplicit());
-    ASSERT_EQ(spec->GetNumFaces(), 3);
+    const MeshNormalSpec* nspec = mesh.GetSpecifiedNormals();
+    ASSERT_TRUE(nspec && nspec->IsExplicit());
+    ASSERT_EQ(nspec->GetNumFaces(), 3);
     // File normals are explicit per-corner normals; the blue face gets smooth
     // ones from the geometry, here the plane's.
     const std::map<std::string, Point3> normalOf = {
@@ -151,7 +151,7 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
         // Each part's UVs and normals stay with its own corners.
         for (int k = 0; k < 3; ++k) {
             EXPECT_EQ(mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]], mesh.verts[mesh.faces[f].v[k]]);
-            expectNear(spec->Normal(spec->GetNormalIndex(f, k)), normalOf.at(name));
+            expectNear(nspec->Normal(nspec->GetNormalIndex(f, k)), normalOf.at(name));
         }
     }
     EXPECT_EQ(names.size(), 3u);
@@ -206,14 +206,14 @@ TEST(ImportGltf, TwoUvSetsNormalsAndEmptyNodes) {
     EXPECT_FALSE(mesh.Map(3).supported);
 
     // The file's normals agree with the winding at every corner.
-    const MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
-    ASSERT_TRUE(spec && spec->IsExplicit());
+    const MeshNormalSpec* nspec = mesh.GetSpecifiedNormals();
+    ASSERT_TRUE(nspec && nspec->IsExplicit());
     for (int f = 0; f < mesh.getNumFaces(); ++f) {
         const Face& face = mesh.faces[f];
         const Point3 n = Normalize(CrossProd(mesh.verts[face.v[1]] - mesh.verts[face.v[0]],
                                              mesh.verts[face.v[2]] - mesh.verts[face.v[0]]));
         for (int k = 0; k < 3; ++k) {
-            EXPECT_GT(DotProd(n, spec->Normal(spec->GetNormalIndex(f, k))), 0.99f);
+            EXPECT_GT(DotProd(n, nspec->Normal(nspec->GetNormalIndex(f, k))), 0.99f);
         }
     }
 

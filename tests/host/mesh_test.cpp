@@ -35,8 +35,8 @@ Mesh makeQuad() {
     return m;
 }
 
-Point3 cornerNormal(const MeshNormalSpec& spec, int f, int c) {
-    return spec.Normal(spec.GetNormalIndex(f, c));
+Point3 cornerNormal(const MeshNormalSpec& nspec, int f, int c) {
+    return nspec.Normal(nspec.GetNormalIndex(f, c));
 }
 
 Point3 faceNormal(const Mesh& m, int f) {
@@ -164,31 +164,31 @@ TEST(MeshNormals, GroupsJoinTransitivelyAndWeighByArea) {
     m.verts = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 1}, {0, -1, 0}, {-1, 0, 0}};
     m.faces = {makeFace(0, 1, 2), makeFace(0, 3, 4), makeFace(0, 5, 3)};
     m.SpecifyNormals();
-    MeshNormalSpec& spec = *m.GetSpecifiedNormals();
+    MeshNormalSpec& nspec = *m.GetSpecifiedNormals();
     auto normalsAtOrigin = [&](uint32_t g0, uint32_t g1, uint32_t g2) {
         m.faces[0].smGroup = g0, m.faces[1].smGroup = g1, m.faces[2].smGroup = g2;
-        spec.CheckNormals();
-        return std::set<int>{spec.GetNormalIndex(0, 0), spec.GetNormalIndex(1, 0),
-                             spec.GetNormalIndex(2, 0)}
+        nspec.CheckNormals();
+        return std::set<int>{nspec.GetNormalIndex(0, 0), nspec.GetNormalIndex(1, 0),
+                             nspec.GetNormalIndex(2, 0)}
             .size();
     };
     EXPECT_EQ(normalsAtOrigin(1, 1 | 2, 2), 1u);  // the middle face links the others
-    expectNear(cornerNormal(spec, 0, 0), Normalize(Point3(1, 1, 4)));
-    expectNear(cornerNormal(spec, 0, 1), {0, 0, 1});  // vertex 1 sees one face
+    expectNear(cornerNormal(nspec, 0, 0), Normalize(Point3(1, 1, 4)));
+    expectNear(cornerNormal(nspec, 0, 1), {0, 0, 1});  // vertex 1 sees one face
     EXPECT_EQ(normalsAtOrigin(1, 2, 4), 3u);
     EXPECT_EQ(normalsAtOrigin(1, 1u << 31, 1u << 31), 2u);
     EXPECT_EQ(normalsAtOrigin(0, 0, 0), 3u);  // group 0 never joins
-    expectNear(cornerNormal(spec, 1, 0), {1, 0, 0});
+    expectNear(cornerNormal(nspec, 1, 0), {1, 0, 0});
 }
 
 TEST(MeshNormals, ExplicitKeptOnlyWhileTheyFit) {
     Mesh m = makeQuad();
-    MeshNormalSpec& spec = *m.GetSpecifiedNormals();
+    MeshNormalSpec& nspec = *m.GetSpecifiedNormals();
     const Point3 tilted = Normalize(Point3(1, 0, 1));
-    spec.SetNormals({tilted, {0, 0, 1}}, {{0, 1, 0}, {0, 0, 1}});
-    spec.CheckNormals();
-    EXPECT_TRUE(spec.IsExplicit());
-    EXPECT_EQ(cornerNormal(spec, 0, 0), tilted);
+    nspec.SetNormals({tilted, {0, 0, 1}}, {{0, 1, 0}, {0, 0, 1}});
+    nspec.CheckNormals();
+    EXPECT_TRUE(nspec.IsExplicit());
+    EXPECT_EQ(cornerNormal(nspec, 0, 0), tilted);
 
     using Indices = std::vector<std::array<int, 3>>;
     for (const auto& [normals, indices] : std::vector<std::pair<std::vector<Point3>, Indices>>{
@@ -196,11 +196,11 @@ TEST(MeshNormals, ExplicitKeptOnlyWhileTheyFit) {
              {{tilted}, {{0, 0, 0}, {0, 1, 0}}},          // index past the end
              {{tilted}, {{0, 0, 0}, {0, -1, 0}}},         // negative index
              {{{0, NAN, 1}}, {{0, 0, 0}, {0, 0, 0}}}}) {  // non-finite normal
-        spec.SetNormals(normals, indices);
-        spec.CheckNormals();
-        EXPECT_FALSE(spec.IsExplicit());
-        ASSERT_EQ(spec.GetNumFaces(), 2);
-        for (int c = 0; c < 3; ++c) expectNear(cornerNormal(spec, 1, c), {0, 0, 1});
+        nspec.SetNormals(normals, indices);
+        nspec.CheckNormals();
+        EXPECT_FALSE(nspec.IsExplicit());
+        ASSERT_EQ(nspec.GetNumFaces(), 2);
+        for (int c = 0; c < 3; ++c) expectNear(cornerNormal(nspec, 1, c), {0, 0, 1});
     }
 }
 
@@ -212,14 +212,14 @@ TEST(MeshNormals, SurvivesBrokenAndDegenerateFaces) {
                makeFace(1, 2, 3, 2),   // facing up...
                makeFace(1, 3, 2, 2)};  // ...and down in one group: the sums cancel
     m.SpecifyNormals();
-    MeshNormalSpec& spec = *m.GetSpecifiedNormals();
-    spec.CheckNormals();
-    ASSERT_EQ(spec.GetNumFaces(), 4);
+    MeshNormalSpec& nspec = *m.GetSpecifiedNormals();
+    nspec.CheckNormals();
+    ASSERT_EQ(nspec.GetNumFaces(), 4);
     for (int c = 0; c < 3; ++c) {
-        expectNear(cornerNormal(spec, 0, c), {0, 0, 1});
-        expectNear(cornerNormal(spec, 1, c), {0, 0, 1});
-        expectNear(cornerNormal(spec, 2, c), {0, 0, 1});
-        expectNear(cornerNormal(spec, 3, c), {0, 0, -1});
+        expectNear(cornerNormal(nspec, 0, c), {0, 0, 1});
+        expectNear(cornerNormal(nspec, 1, c), {0, 0, 1});
+        expectNear(cornerNormal(nspec, 2, c), {0, 0, 1});
+        expectNear(cornerNormal(nspec, 3, c), {0, 0, -1});
     }
 }
 
