@@ -1,0 +1,108 @@
+// Image output through OpenImageIO, written to a temporary name and renamed.
+#include "tracer/renderer.h"
+
+#include <OpenImageIO/imageio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <system_error>
+#include <unistd.h>
+
+namespace mq::tracer {
+
+namespace {
+
+uint8_t toSrgb8(float linear) {
+    const float c = std::clamp(std::isfinite(linear) ? linear : 0.0f, 0.0f, 1.0f);
+    const float s = c <= 0.0031308f ? 12.92f * c : 1.055f * std::pow(c, 1.0f / 2.4f) - 0.055f;
+    return uint8_t(std::lround(s * 255.0f));
+}
+
+std::string lowerExtension(const std::filesystem::path& p) {
+    std::string e = p.extension().string();
+    std::transform(e.begin(), e.end(), e.begin(), [](unsigned char c) { return std::tolower(c); });
+    return e;
+}
+
+void writeWith(const std::filesystem::path& file, const std::string& ext, const Image& img,
+               const std::vector<std::pair<std::string, std::string>>& metadata) {
+    auto out = OIIO::ImageOutput::create(file.string());
+    if (!out) throw RenderError(OIIO::geterror());
+    const size_t n = size_t(img.width) * img.height;
+    if (ext == ".exr") {
+        // RGBA, then the passes as layers.
+        const int nc = 9;
+        OIIO::ImageSpec spec(img.width, img.height, nc, OIIO::TypeDesc::FLOAT);
+        spec.channelnames = {"R", "G", "B", "A", "normal.X", "normal.Y", "normal.Z", "depth.Z",
+                             "objectId.id"};
+        spec.alpha_channel = 3;
+        spec.z_channel = 7;
+        spec.attribute("compression", "zip");
+        for (const auto& [k, v] : metadata) spec.attribute(k, v);
+        std::vector<float> px(n * nc);
+        for (size_t i = 0; i < n; ++i) {
+            float* d = &px[i * nc];
+            std::copy_n(&img.rgba[4 * i], 4, d);
+            std::copy_n(&img.normal[3 * i], 3, d + 4);
+            d[7] = img.depth[i];
+            d[8] = img.objectId[i];
+        }
+        if (!out->open(file.string(), spec) ||
+            !out->write_image(OIIO::TypeDesc::FLOAT, px.data()) || !out->close()) {
+            throw RenderError(out->geterror());
+        }
+        return;
+    }
+    // 8-bit sRGB colour; JPEG has no alpha.
+    const int nc = ext == ".png" ? 4 : 3;
+    OIIO::ImageSpec spec(img.width, img.height, nc, OIIO::TypeDesc::UINT8);
+    spec.attribute("oiio:ColorSpace", "sRGB");
+    if (nc == 4) spec.alpha_channel = 3;
+    for (const auto& [k, v] : metadata) spec.attribute(k, v);
+    std::vector<uint8_t> px(n * nc);
+    for (size_t i = 0; i < n; ++i) {
+        for (int c = 0; c < 3; ++c) px[i * nc + c] = toSrgb8(img.rgba[4 * i + c]);
+        if (nc == 4) {
+            px[i * nc + 3] = uint8_t(std::lround(std::clamp(img.rgba[4 * i + 3], 0.0f, 1.0f) * 255.0f));
+        }
+    }
+    if (!out->open(file.string(), spec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
+        !out->close()) {
+        throw RenderError(out->geterror());
+    }
+}
+
+}  // namespace
+
+void writeImage(const std::filesystem::path& path, const Image& image,
+                const std::vector<std::pair<std::string, std::string>>& metadata) {
+    const std::string ext = lowerExtension(path);
+    if (ext != ".png" && ext != ".jpg" && ext != ".jpeg" && ext != ".exr") {
+        throw RenderError(path.string() + ": unsupported image format \"" + ext +
+                          "\" (use .png, .jpg or .exr)");
+    }
+    if (image.width < 1 || image.height < 1 ||
+        image.rgba.size() != size_t(image.width) * image.height * 4) {
+        throw RenderError(path.string() + ": no image to write");
+    }
+    // The temporary keeps the extension: OpenImageIO picks the format by it.
+    std::string tmpName = ".";
+    tmpName.append(path.stem().string()).append(".tmp").append(std::to_string(getpid())).append(ext);
+    const std::filesystem::path tmp = path.parent_path() / tmpName;
+    try {
+        writeWith(tmp, ext, image, metadata);
+    } catch (const RenderError& e) {
+        std::error_code ec;
+        std::filesystem::remove(tmp, ec);
+        throw RenderError(path.string() + ": " + e.what());
+    }
+    std::error_code ec;
+    std::filesystem::rename(tmp, path, ec);
+    if (ec) {
+        std::error_code ignored;
+        std::filesystem::remove(tmp, ignored);
+        throw RenderError(path.string() + ": " + ec.message());
+    }
+}
+
+}  // namespace mq::tracer

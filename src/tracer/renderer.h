@@ -1,0 +1,110 @@
+// The embedded renderer: turns a host scene into images.
+//
+// A Renderer drives the render objects of the scene through the protocol of
+// tracer/protocol.h, builds an Embree scene per frame and path traces it.
+// Images depend only on the scene, the settings and the frame: any thread
+// count and any crop give the same pixels.
+#pragma once
+
+#include "host/math.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace mq {
+class Scene;
+}
+
+namespace mq::tracer {
+
+// Bad scene data or settings, or a failure of the tracer itself. what()
+// names the JSON path or the file involved.
+class RenderError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Pixels [x0, x1) x [y0, y1), y down from the top row.
+struct CropRegion {
+    int x0 = 0, x1 = 0, y0 = 0, y1 = 0;
+};
+
+struct RenderSettings {
+    int width = 320;
+    int height = 240;
+    int samplesPerPixel = 16;
+    int threads = 0;  // 0: one per hardware thread
+    uint32_t seed = 0;
+    int maxDepth = 8;  // path vertices after the camera
+    std::optional<CropRegion> crop;
+
+    // Settings from a scene's "render" section ({width, height, spp, seed,
+    // maxDepth, threads}); absent keys keep these defaults. Throws RenderError.
+    static RenderSettings fromJson(const nlohmann::json& render);
+};
+
+// A rendered frame: linear RGBA and the debug passes, rows top to bottom.
+// Pixels outside the crop region are zero.
+struct Image {
+    int width = 0, height = 0;
+    std::vector<float> rgba;      // 4 per pixel
+    std::vector<float> normal;    // 3 per pixel: world shading normal at the first hit
+    std::vector<float> depth;     // distance to the first hit; 0 for none
+    std::vector<float> objectId;  // 1 + index of the hit node among renderables; 0 for none
+
+    Image() = default;
+    Image(int w, int h);
+    const float* pixel(int x, int y) const { return &rgba[4 * (size_t(y) * width + x)]; }
+};
+
+// Called from worker threads as tiles finish: done of total tiles.
+using ProgressFn = std::function<void(int done, int total)>;
+// Non-fatal problems (a node left out, a material value ignored).
+using WarningFn = std::function<void(const std::string&)>;
+
+class Renderer {
+public:
+    // The scene must outlive the renderer. Throws RenderError for bad settings.
+    Renderer(Scene& scene, RenderSettings settings);
+    ~Renderer();  // ends the render if it was begun
+    Renderer(const Renderer&) = delete;
+    Renderer& operator=(const Renderer&) = delete;
+
+    void setWarningSink(WarningFn warn);
+    void setProgress(ProgressFn progress);
+
+    // Starts the render: initialises render objects and creates their
+    // instances. Throws RenderError (for instance, when Embree fails).
+    void renderBegin();
+    // Renders one frame (begins the render first if needed). Throws RenderError.
+    Image renderFrame(int frame);
+    // Ends the render: instances' renderEnd and deletion. Safe to repeat.
+    void renderEnd();
+
+    const RenderSettings& settings() const { return settings_; }
+
+private:
+    struct Impl;
+    RenderSettings settings_;
+    std::unique_ptr<Impl> impl_;
+};
+
+// One frame of a scene with its own settings: renderBegin, renderFrame, renderEnd.
+Image renderImage(Scene& scene, const RenderSettings& settings, int frame = 0);
+
+// Write an image, choosing the format from the extension: .png and .jpg/.jpeg
+// as 8-bit sRGB, .exr as float with the passes as layers (normal, depth,
+// objectId) and `metadata` as string attributes. Written to a temporary file
+// beside the target and renamed over it, so a failure never leaves a partial
+// file under `path`. Throws RenderError naming the file.
+void writeImage(const std::filesystem::path& path, const Image& image,
+                const std::vector<std::pair<std::string, std::string>>& metadata = {});
+
+}  // namespace mq::tracer

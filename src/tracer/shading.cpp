@@ -1,0 +1,292 @@
+// Materials, BSDF, lights and camera.
+#include "tracer/shading.h"
+
+#include "tracer/renderer.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace mq::tracer {
+
+namespace {
+
+float luminance(const Point3& c) { return 0.2126f * c.x + 0.7152f * c.y + 0.0722f * c.z; }
+
+[[noreturn]] void fail(const std::string& path, const std::string& what) {
+    throw RenderError(path + ": " + what);
+}
+
+float number(const nlohmann::json& j, const char* key, float def, const std::string& path,
+             float lo = -1e30f, float hi = 1e30f) {
+    if (!j.contains(key)) return def;
+    const auto& v = j[key];
+    if (!v.is_number()) fail(path + "/" + key, "expected a number, found " + v.dump());
+    const float f = v.get<float>();
+    if (!(f >= lo && f <= hi)) {
+        fail(path + "/" + key, "value " + v.dump() + " outside [" + std::to_string(lo) + ", " +
+                                   std::to_string(hi) + "]");
+    }
+    return f;
+}
+
+Point3 vec3(const nlohmann::json& j, const char* key, Point3 def, const std::string& path) {
+    if (!j.contains(key)) return def;
+    const auto& v = j[key];
+    if (!v.is_array() || v.size() != 3 || !v[0].is_number() || !v[1].is_number() ||
+        !v[2].is_number()) {
+        fail(path + "/" + key, "expected three numbers, found " + v.dump());
+    }
+    const Point3 p{v[0].get<float>(), v[1].get<float>(), v[2].get<float>()};
+    if (!isFinite(p)) fail(path + "/" + key, "not finite");
+    return p;
+}
+
+}  // namespace
+
+Bsdf::Bsdf(const Material& m, const Point3& baseColor) {
+    const float metal = std::clamp(m.metallic, 0.0f, 1.0f);
+    const float dielectricF0 = 0.08f * std::clamp(m.specular, 0.0f, 1.0f);
+    f0_ = Point3(dielectricF0, dielectricF0, dielectricF0) * (1.0f - metal) + baseColor * metal;
+    // Diffuse loses what the specular lobe reflects at normal incidence.
+    kd_ = baseColor * ((1.0f - metal) * (1.0f - dielectricF0));
+    const float r = std::clamp(m.roughness, 0.0f, 1.0f);
+    alpha_ = std::max(r * r, 1e-3f);
+    const float ws = luminance(f0_), wd = luminance(kd_);
+    pSpec_ = ws + wd > 0.0f ? ws / (ws + wd) : 0.0f;
+    if (ws > 0.0f && wd > 0.0f) pSpec_ = std::clamp(pSpec_, 0.1f, 0.9f);
+}
+
+float Bsdf::ggxD(float cosH) const {
+    const float a2 = alpha_ * alpha_;
+    const float d = cosH * cosH * (a2 - 1.0f) + 1.0f;
+    return a2 / (kPi * d * d);
+}
+
+float Bsdf::smithG1(float cosV) const {
+    const float a2 = alpha_ * alpha_;
+    const float c2 = cosV * cosV;
+    return 2.0f / (1.0f + std::sqrt(1.0f + a2 * (1.0f - c2) / std::max(c2, 1e-12f)));
+}
+
+Point3 Bsdf::eval(const Point3& wo, const Point3& wi) const {
+    if (wo.z <= 0.0f || wi.z <= 0.0f) return {};
+    Point3 f = kd_ * kInvPi;
+    if (pSpec_ > 0.0f) {
+        const Point3 h = Normalize(wo + wi);
+        const float cosOH = std::max(DotProd(wo, h), 0.0f);
+        const float s = std::pow(1.0f - cosOH, 5.0f);
+        const Point3 fresnel = f0_ + (Point3(1, 1, 1) - f0_) * s;
+        const float spec = ggxD(h.z) * smithG1(wo.z) * smithG1(wi.z) / (4.0f * wo.z * wi.z);
+        f += fresnel * spec;
+    }
+    return f;
+}
+
+float Bsdf::pdf(const Point3& wo, const Point3& wi) const {
+    if (wo.z <= 0.0f || wi.z <= 0.0f) return 0.0f;
+    float p = (1.0f - pSpec_) * wi.z * kInvPi;
+    if (pSpec_ > 0.0f) {
+        const Point3 h = Normalize(wo + wi);
+        const float cosOH = DotProd(wo, h);
+        if (cosOH > 0.0f) p += pSpec_ * ggxD(h.z) * h.z / (4.0f * cosOH);
+    }
+    return p;
+}
+
+bool Bsdf::sample(const Point3& wo, float uLobe, float u1, float u2, Point3& wi,
+                  float& pdfOut) const {
+    if (wo.z <= 0.0f) return false;
+    if (uLobe < pSpec_) {
+        // Half vector from D(h) cos(h).
+        const float a2 = alpha_ * alpha_;
+        const float cos2 = (1.0f - u1) / (1.0f + (a2 - 1.0f) * u1);
+        const float cosT = std::sqrt(std::max(cos2, 0.0f));
+        const float sinT = std::sqrt(std::max(1.0f - cos2, 0.0f));
+        const float phi = 2.0f * kPi * u2;
+        const Point3 h{sinT * std::cos(phi), sinT * std::sin(phi), cosT};
+        wi = h * (2.0f * DotProd(wo, h)) - wo;
+    } else {
+        wi = sampleCosineHemisphere(u1, u2);
+    }
+    if (wi.z <= 0.0f) return false;
+    pdfOut = pdf(wo, wi);
+    return pdfOut > 0.0f;
+}
+
+bool sampleLight(const Light& l, const Point3& p, float u1, float u2, LightSample& s) {
+    switch (l.kind) {
+        case Light::Kind::Dome:
+            s.wi = sampleUniformSphere(u1, u2);
+            s.distance = 1e30f;
+            s.radiance = l.color;
+            s.pdf = 1.0f / (4.0f * kPi);
+            return true;
+        case Light::Kind::Sun:
+            s.distance = 1e30f;
+            s.radiance = l.color;
+            if (l.isDelta()) {
+                s.wi = l.direction;
+                s.pdf = 1.0f;
+            } else {
+                s.wi = Normalize(Frame(l.direction).toWorld(sampleUniformCone(u1, u2, l.cosMax)));
+                s.pdf = 1.0f / (2.0f * kPi * (1.0f - l.cosMax));
+            }
+            return true;
+        case Light::Kind::Point: {
+            const Point3 d = l.position - p;
+            const float d2 = LengthSquared(d);
+            if (d2 <= 0.0f) return false;
+            s.distance = std::sqrt(d2);
+            s.wi = d / s.distance;
+            s.radiance = l.color / d2;
+            s.pdf = 1.0f;
+            return true;
+        }
+        case Light::Kind::Sphere: {
+            const Point3 d = l.position - p;
+            const float d2 = LengthSquared(d);
+            const float r2 = l.radius * l.radius;
+            if (d2 <= r2) return false;
+            const float cosMax = std::sqrt(std::max(0.0f, 1.0f - r2 / d2));
+            s.wi = Normalize(Frame(Normalize(d)).toWorld(sampleUniformCone(u1, u2, cosMax)));
+            const float t = hitSphereLight(l, p, s.wi);
+            s.distance = t > 0.0f ? t : std::sqrt(d2) - l.radius;
+            s.radiance = l.color;
+            s.pdf = 1.0f / (2.0f * kPi * std::max(1.0f - cosMax, 1e-7f));
+            return true;
+        }
+    }
+    return false;
+}
+
+float lightPdf(const Light& l, const Point3& p, const Point3& w) {
+    switch (l.kind) {
+        case Light::Kind::Dome: return 1.0f / (4.0f * kPi);
+        case Light::Kind::Sun:
+            if (l.isDelta() || DotProd(w, l.direction) < l.cosMax) return 0.0f;
+            return 1.0f / (2.0f * kPi * (1.0f - l.cosMax));
+        case Light::Kind::Point: return 0.0f;
+        case Light::Kind::Sphere: {
+            const Point3 d = l.position - p;
+            const float d2 = LengthSquared(d), r2 = l.radius * l.radius;
+            if (d2 <= r2) return 0.0f;
+            const float cosMax = std::sqrt(std::max(0.0f, 1.0f - r2 / d2));
+            return 1.0f / (2.0f * kPi * std::max(1.0f - cosMax, 1e-7f));
+        }
+    }
+    return 0.0f;
+}
+
+float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir) {
+    const Point3 oc = origin - l.position;
+    const float b = DotProd(oc, dir);
+    const float c = LengthSquared(oc) - l.radius * l.radius;
+    const float disc = b * b - c;
+    if (disc < 0.0f) return -1.0f;
+    const float sq = std::sqrt(disc);
+    const float t0 = -b - sq;
+    return t0 > 0.0f ? t0 : (-b + sq > 0.0f ? -b + sq : -1.0f);
+}
+
+Material parseMaterial(const nlohmann::json& j, const std::string& path,
+                       const std::function<void(const std::string&)>& warn) {
+    if (!j.is_object()) fail(path, "expected an object, found " + j.dump());
+    Material m;
+    m.baseColor = vec3(j, "baseColor", m.baseColor, path);
+    m.roughness = number(j, "roughness", m.roughness, path, 0.0f, 1.0f);
+    m.metallic = number(j, "metallic", m.metallic, path, 0.0f, 1.0f);
+    m.specular = number(j, "specular", m.specular, path, 0.0f, 1.0f);
+    m.emission = vec3(j, "emission", m.emission, path);
+    if (j.contains("baseColorTexture") && warn) {
+        warn(path + "/baseColorTexture: image textures are not supported yet; using baseColor");
+    }
+    return m;
+}
+
+std::vector<Light> parseLights(const nlohmann::json& lights) {
+    std::vector<Light> out;
+    if (!lights.is_null() && !lights.is_array()) fail("/lights", "expected an array");
+    for (size_t i = 0; lights.is_array() && i < lights.size(); ++i) {
+        const auto& j = lights[i];
+        const std::string path = "/lights/" + std::to_string(i);
+        if (!j.is_object() || !j.contains("type") || !j["type"].is_string()) {
+            fail(path, "expected an object with a \"type\"");
+        }
+        const std::string type = j["type"].get<std::string>();
+        Light l;
+        const Point3 color = vec3(j, "color", {1, 1, 1}, path);
+        const float intensity = number(j, "intensity", 1.0f, path, 0.0f);
+        if (type == "sun") {
+            l.kind = Light::Kind::Sun;
+            l.direction = Normalize(vec3(j, "direction", {0, 0, 1}, path));
+            if (LengthSquared(l.direction) == 0.0f) fail(path + "/direction", "zero vector");
+            const float angle = number(j, "angle", 0.53f, path, 0.0f, 90.0f);  // degrees, diameter
+            l.cosMax = std::cos(0.5f * angle * kPi / 180.0f);
+            // intensity is the irradiance on a surface facing the sun.
+            const float solid = 2.0f * kPi * (1.0f - l.cosMax);
+            l.color = color * (l.isDelta() ? intensity : intensity / solid);
+        } else if (type == "point" || type == "sphere") {
+            l.kind = type == "point" ? Light::Kind::Point : Light::Kind::Sphere;
+            l.position = vec3(j, "position", {0, 0, 0}, path);
+            l.radius = type == "sphere" ? number(j, "radius", 1.0f, path, 1e-6f) : 0.0f;
+            // intensity is radiant intensity (per steradian), as seen from afar.
+            l.color = color * (l.kind == Light::Kind::Point
+                                   ? intensity
+                                   : intensity / (kPi * l.radius * l.radius));
+        } else if (type == "dome") {
+            l.kind = Light::Kind::Dome;
+            l.color = color * intensity;
+            if (j.contains("image")) fail(path + "/image", "image domes are not supported yet");
+        } else {
+            fail(path + "/type", "unknown light type \"" + type + "\"");
+        }
+        out.push_back(l);
+    }
+    if (out.empty()) {
+        Light sky;
+        sky.kind = Light::Kind::Dome;
+        sky.color = {0.35f, 0.45f, 0.6f};
+        Light sun;
+        sun.kind = Light::Kind::Sun;
+        sun.direction = Normalize(Point3(0.4f, -0.5f, 0.75f));
+        sun.cosMax = std::cos(0.5f * 0.53f * kPi / 180.0f);
+        sun.color = Point3(1.0f, 0.95f, 0.85f) * (2.5f / (2.0f * kPi * (1.0f - sun.cosMax)));
+        out = {sky, sun};
+    }
+    return out;
+}
+
+Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height) {
+    Point3 position, target, up{0, 0, 1};
+    float fovDeg = 45.0f;
+    if (!j.is_null()) {
+        if (!j.is_object()) fail("/camera", "expected an object");
+        position = vec3(j, "position", {0, -10, 0}, "/camera");
+        target = vec3(j, "target", {0, 0, 0}, "/camera");
+        up = vec3(j, "up", up, "/camera");
+        fovDeg = number(j, "fov", fovDeg, "/camera", 0.1f, 179.0f);
+    } else {
+        // Frame the bounds from the front left, above, with a little margin.
+        const Box3 b = bounds.IsEmpty() ? Box3({-1, -1, -1}, {1, 1, 1}) : bounds;
+        target = b.Center();
+        const float radius = std::max(0.5f * Length(b.Width()), 1e-3f);
+        const float halfFov = 0.5f * fovDeg * kPi / 180.0f;
+        const float halfMin =
+            std::atan(std::tan(halfFov) * std::min(1.0f, float(height) / float(width)));
+        const float dist = 1.05f * radius / std::sin(halfMin);
+        position = target + Normalize(Point3(0.55f, -0.75f, 0.45f)) * dist;
+    }
+    Camera c;
+    c.position = position;
+    c.forward = Normalize(target - position);
+    c.right = Normalize(CrossProd(c.forward, up));
+    if (LengthSquared(c.forward) == 0.0f || LengthSquared(c.right) == 0.0f) {
+        fail("/camera", "position, target and up do not define a view");
+    }
+    c.up = CrossProd(c.right, c.forward);
+    c.tanHalfFovX = std::tan(0.5f * fovDeg * kPi / 180.0f);
+    c.aspect = float(height) / float(width);
+    return c;
+}
+
+}  // namespace mq::tracer

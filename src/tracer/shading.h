@@ -1,0 +1,99 @@
+// Materials, their BSDF, lights and the camera of the embedded renderer
+// (internal). Colours are linear RGB in Point3.
+#pragma once
+
+#include "host/math.h"
+#include "tracer/sampling.h"
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace mq::tracer {
+
+struct Material {
+    Point3 baseColor{0.8f, 0.8f, 0.8f};
+    float roughness = 0.5f;
+    float metallic = 0.0f;
+    float specular = 0.5f;  // dielectric reflectance at normal incidence is 0.08 * specular
+    Point3 emission;
+    // Hook for image textures: the map channel the base colour is looked up
+    // on through ShadeData::uvw once textures are supported; -1 for none.
+    int baseColorChannel = -1;
+};
+
+// Diffuse plus a GGX microfacet lobe (Walter et al., "Microfacet Models for
+// Refraction through Rough Surfaces", EGSR 2007), in the local frame where
+// the shading normal is +z. wo and wi point away from the surface.
+class Bsdf {
+public:
+    Bsdf(const Material& m, const Point3& baseColor);
+    // f(wo, wi); zero below the surface.
+    Point3 eval(const Point3& wo, const Point3& wi) const;
+    // Solid-angle density of sample() choosing wi.
+    float pdf(const Point3& wo, const Point3& wi) const;
+    // A direction wi with its density; false when none could be drawn.
+    bool sample(const Point3& wo, float uLobe, float u1, float u2, Point3& wi, float& pdfOut) const;
+
+private:
+    float ggxD(float cosH) const;
+    float smithG1(float cosV) const;
+    Point3 kd_, f0_;
+    float alpha_, pSpec_;
+};
+
+struct Light {
+    enum class Kind { Sun, Point, Sphere, Dome };
+    Kind kind = Kind::Dome;
+    Point3 color;        // radiance (sun with a size, sphere, dome), irradiance (sun
+                         // without size) or intensity (point)
+    Point3 direction;    // sun: unit, towards the sun
+    float cosMax = 1.0f; // sun: cosine of the angular radius
+    Point3 position;     // point, sphere
+    float radius = 0.0f; // sphere
+
+    bool isDelta() const {
+        return kind == Kind::Point || (kind == Kind::Sun && cosMax >= 1.0f);
+    }
+};
+
+struct LightSample {
+    Point3 wi;            // unit, towards the light
+    float distance = 0;   // to the light; 1e30 for distant lights
+    Point3 radiance;      // for delta lights the incident irradiance
+    float pdf = 0;        // solid angle density; 1 for delta lights
+};
+
+// Samples light l as seen from p; false when it cannot light p.
+bool sampleLight(const Light& l, const Point3& p, float u1, float u2, LightSample& s);
+// Solid-angle density with which sampleLight picks direction w from p, and the
+// radiance arriving along it, for a ray that reached light l (no hit in the
+// scene for distant lights; a hit at distance t for spheres).
+float lightPdf(const Light& l, const Point3& p, const Point3& w);
+// Distance along the unit ray to sphere light l, or a negative value for a miss.
+float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir);
+
+struct Camera {
+    Point3 position, forward, right, up;  // unit axes
+    float tanHalfFovX = 0.4142f;
+    float aspect = 1.0f;  // height / width
+    // Unit direction through image point (sx, sy) in [0, 1)^2, y down.
+    Point3 direction(float sx, float sy) const {
+        const float px = (2.0f * sx - 1.0f) * tanHalfFovX;
+        const float py = (1.0f - 2.0f * sy) * tanHalfFovX * aspect;
+        return Normalize(forward + right * px + up * py);
+    }
+};
+
+// Parsers for the scene's JSON sections. They throw RenderError naming the
+// JSON path; `warn` gets values that are accepted but ignored.
+Material parseMaterial(const nlohmann::json& j, const std::string& path,
+                       const std::function<void(const std::string&)>& warn);
+// Lights of the scene; a default sky dome and sun when there are none.
+std::vector<Light> parseLights(const nlohmann::json& lights);
+// Camera from {position, target, up, fov (horizontal, degrees)}, or framed on
+// `bounds` when j is null.
+Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height);
+
+}  // namespace mq::tracer

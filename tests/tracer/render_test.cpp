@@ -1,0 +1,183 @@
+// The renderer end to end on tiny images: coverage against the analytic
+// disc, the furnace, determinism across threads and crops, and output files.
+#include "support/test_util.h"
+#include "tracer/tracer_scenes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace mq::test {
+namespace {
+
+constexpr float kPiF = 3.14159265f;
+
+RenderSettings tiny(int size, int spp, int threads = 1) {
+    RenderSettings s;
+    s.width = s.height = size;
+    s.samplesPerPixel = spp;
+    s.threads = threads;
+    s.seed = 7;
+    return s;
+}
+
+// A sphere over a floor with the default lights, plus the analytic sphere.
+void busyScene(Scene& scene, RayLog& log) {
+    addNode(scene, "Sphere", new TriObject(makeSphereMesh(1.0f, 24)));
+    addNode(scene, "Floor", new TriObject(makePlaneMesh(10, 10, 1, 1)),
+            TransMatrix({0, 0, -1}));
+    addNode(scene, "Analytic", new AnalyticSphereObject({1.6f, 0.5f, -0.5f}, 0.5f, log));
+}
+
+bool samePixels(const Image& a, const Image& b) {
+    return a.width == b.width && a.height == b.height && a.rgba == b.rgba &&
+           a.normal == b.normal && a.depth == b.depth && a.objectId == b.objectId;
+}
+
+TEST(TracerRender, SphereCoversTheAnalyticDisc) {
+    Scene scene;
+    addNode(scene, "Sphere", new TriObject(makeSphereMesh(1.0f, 96)));
+    const float distance = 5.0f, fov = 40.0f;
+    frontCamera(scene, distance, fov);
+    const int size = 32;
+    const Image img = renderImage(scene, tiny(size, 8));
+
+    // Radius of the silhouette on the image plane, in pixels.
+    const float tanAlpha = std::tan(std::asin(1.0f / distance));
+    const float radiusPx = tanAlpha / std::tan(0.5f * fov * kPiF / 180.0f) * 0.5f * size;
+    double covered = 0.0, cx = 0.0, cy = 0.0;
+    for (int y = 0; y < size; ++y) {
+        for (int x = 0; x < size; ++x) {
+            const float a = img.pixel(x, y)[3];
+            covered += a;
+            cx += a * (x + 0.5);
+            cy += a * (y + 0.5);
+        }
+    }
+    EXPECT_NEAR(covered, kPiF * radiusPx * radiusPx, 0.03 * kPiF * radiusPx * radiusPx);
+    EXPECT_NEAR(cx / covered, 0.5 * size, 0.25);
+    EXPECT_NEAR(cy / covered, 0.5 * size, 0.25);
+    EXPECT_EQ(img.pixel(size / 2, size / 2)[3], 1.0f);
+    EXPECT_EQ(img.pixel(0, 0)[3], 0.0f);
+    // The passes see the same disc: object 1 at the centre, depth d - r, normal towards the camera.
+    const size_t centre = size_t(size / 2) * size + size / 2;
+    EXPECT_EQ(img.objectId[centre], 1.0f);
+    EXPECT_EQ(img.objectId[0], 0.0f);
+    EXPECT_NEAR(img.depth[centre], distance - 1.0f, 0.05f);
+    EXPECT_LT(img.normal[3 * centre + 1], -0.95f);
+}
+
+TEST(TracerRender, WhiteDiffuseSphereInWhiteDomeIsWhite) {
+    Scene scene;
+    addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 32)))->setMaterial("white");
+    scene.materials = {{"white", {{"baseColor", {1, 1, 1}}, {"specular", 0.0}, {"metallic", 0.0}}}};
+    scene.lights = nlohmann::json::array({{{"type", "dome"}, {"color", {1, 1, 1}}}});
+    const Image img = renderImage(scene, tiny(16, 32, 2));
+    double sum = 0.0;
+    int onBall = 0;
+    for (size_t i = 0; i < img.objectId.size(); ++i) {
+        if (img.objectId[i] != 1.0f) continue;
+        ++onBall;
+        for (int c = 0; c < 3; ++c) sum += img.rgba[4 * i + c];
+    }
+    ASSERT_GT(onBall, 50);
+    EXPECT_NEAR(sum / (3.0 * onBall), 1.0, 0.03);
+}
+
+TEST(TracerRender, ImagesDoNotDependOnThreadsOrCrop) {
+    RayLog log;
+    Scene scene;
+    busyScene(scene, log);
+    const Image one = renderImage(scene, tiny(40, 2, 1));
+    const Image two = renderImage(scene, tiny(40, 2, 2));
+    EXPECT_TRUE(samePixels(one, two));
+    EXPECT_EQ(renderImage(scene, tiny(40, 2, 2)).rgba, two.rgba);
+
+    RenderSettings cropped = tiny(40, 2, 2);
+    cropped.crop = CropRegion{5, 27, 3, 21};
+    const Image part = renderImage(scene, cropped);
+    for (int y = 0; y < 40; ++y) {
+        for (int x = 0; x < 40; ++x) {
+            const bool inside = x >= 5 && x < 27 && y >= 3 && y < 21;
+            const float* p = part.pixel(x, y);
+            const float* q = one.pixel(x, y);
+            if (inside) {
+                ASSERT_EQ(0, std::memcmp(p, q, 4 * sizeof(float))) << x << "," << y;
+            } else {
+                ASSERT_EQ(p[0] + p[1] + p[2] + p[3], 0.0f) << x << "," << y;
+            }
+        }
+    }
+    // Something was actually drawn, lit and not all the same.
+    float lo = 1e9f, hi = -1e9f;
+    for (size_t i = 0; i < one.rgba.size(); i += 4) {
+        lo = std::min(lo, one.rgba[i]);
+        hi = std::max(hi, one.rgba[i]);
+    }
+    EXPECT_GT(hi - lo, 0.1f);
+}
+
+TEST(TracerRender, SettingsAndSceneErrorsNameThePlace) {
+    EXPECT_THROW(RenderSettings::fromJson({{"width", 0}}), RenderError);
+    try {
+        RenderSettings::fromJson({{"spp", "many"}});
+        FAIL();
+    } catch (const RenderError& e) {
+        EXPECT_NE(std::string(e.what()).find("/render/spp"), std::string::npos);
+    }
+    const RenderSettings s = RenderSettings::fromJson({{"width", 8}, {"height", 4}, {"seed", 3}});
+    EXPECT_EQ(s.width, 8);
+    EXPECT_EQ(s.height, 4);
+    EXPECT_EQ(s.seed, 3u);
+
+    Scene scene;
+    addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 8)));
+    scene.lights = nlohmann::json::array({{{"type", "laser"}}});
+    try {
+        renderImage(scene, tiny(4, 1));
+        FAIL();
+    } catch (const RenderError& e) {
+        EXPECT_NE(std::string(e.what()).find("/lights/0/type"), std::string::npos);
+    }
+}
+
+bool startsWith(const std::string& data, const std::string& magic) {
+    return data.compare(0, magic.size(), magic) == 0;
+}
+
+size_t entries(const fs::path& dir) {
+    return size_t(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
+
+TEST(TracerOutput, WritesFormatsAndNeverLeavesHalfFiles) {
+    TempDir dir;
+    Image img(4, 3);
+    for (size_t i = 0; i < img.rgba.size(); ++i) img.rgba[i] = float(i % 5) * 0.25f;
+
+    writeImage(dir / "a.png", img);
+    writeImage(dir / "a.exr", img, {{"mosaiq:seed", "7"}});
+    writeImage(dir / "a.jpg", img);
+    EXPECT_TRUE(startsWith(readText(dir / "a.png"), "\x89PNG"));
+    EXPECT_TRUE(startsWith(readText(dir / "a.exr"), std::string("\x76\x2f\x31\x01", 4)));
+    EXPECT_TRUE(startsWith(readText(dir / "a.jpg"), "\xff\xd8"));
+    EXPECT_EQ(entries(dir.path()), 3u);
+
+    // Unknown format, missing folder, a folder in the way: an error, and
+    // nothing under the final name or beside it.
+    EXPECT_THROW(writeImage(dir / "b.tga2", img), RenderError);
+    EXPECT_THROW(writeImage(dir / "missing" / "b.png", img), RenderError);
+    fs::create_directory(dir / "c.png");
+    writeText(dir / "c.png" / "keep", "x");
+    EXPECT_THROW(writeImage(dir / "c.png", img), RenderError);
+    EXPECT_TRUE(fs::is_directory(dir / "c.png"));
+    EXPECT_FALSE(fs::exists(dir / "b.tga2"));
+    EXPECT_EQ(entries(dir.path()), 4u);
+
+    // A failed rewrite keeps the earlier file whole.
+    const std::string before = readText(dir / "a.png");
+    EXPECT_THROW(writeImage(dir / "a.png", Image()), RenderError);
+    EXPECT_EQ(readText(dir / "a.png"), before);
+}
+
+}  // namespace
+}  // namespace mq::test
