@@ -3,6 +3,7 @@
 #pragma once
 
 #include "host/interface.h"
+#include "host/pattern_tools.h"
 
 #include <filesystem>
 #include <stdexcept>
@@ -36,9 +37,17 @@ void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file);
 // Save; CliError(kExitOutput) when it cannot be written.
 void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file);
 
+// The one node named name; CliError(kExitUsage) naming it, prefixed with
+// what, when there is none or more than one.
+mq::Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what);
+// The pattern tools of node's Mosaiq object, owned by the object;
+// CliError(kExitUsage), prefixed with what, when the node holds something else.
+mq::IPatternTools& patternToolsOrFail(mq::Node& node, const std::string& what);
+
 struct InspectOptions {
     std::filesystem::path scene;
     bool json = false;
+    std::string tileNode;  // non-empty: the captured tile of this node only
 };
 struct NewOptions {
     std::filesystem::path scene;
@@ -54,9 +63,17 @@ struct SetOptions {
     std::filesystem::path output;          // empty: write back to scene
 };
 
+struct CropOptions {
+    std::string operation;  // "reset" or "fit"
+    std::filesystem::path scene;
+    std::string node;
+    std::filesystem::path output;  // empty: write back to scene
+};
+
 void runInspect(mq::HostInterface& ip, const InspectOptions& opt);
 void runNew(mq::HostInterface& ip, const NewOptions& opt);
 void runImport(mq::HostInterface& ip, const ImportOptions& opt);
 void runSet(mq::HostInterface& ip, const SetOptions& opt);
+void runCrop(mq::HostInterface& ip, const CropOptions& opt);
 
 }  // namespace mosaiq::cli

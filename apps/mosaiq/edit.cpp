@@ -130,6 +130,8 @@ mq::Matrix3 parseMatrix(const std::vector<std::string>& parts, size_t first,
     return m;
 }
 
+}  // namespace
+
 Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what) {
     std::vector<Node*> found;
     for (Node* n : scene.allNodes()) {
@@ -142,6 +144,8 @@ Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::strin
     }
     return found.front();
 }
+
+namespace {
 
 // One element of a parameter from its text (already split for tables).
 ParamValue parseElement(mq::Scene& scene, const ParamDef& def,

@@ -1,5 +1,6 @@
 // mosaiq inspect: every node with its transforms and object, and every
-// parameter of every block, for people or (with --json) for scripts.
+// parameter of every block, for people or (with --json) for scripts. With
+// --tile, the captured tile of one Mosaiq node instead.
 #include "cli.h"
 
 #include "host/classdesc.h"
@@ -200,10 +201,76 @@ void nodeJson(Node& node, ojson& nodes) {
     for (int i = 0; i < node.NumberOfChildren(); ++i) nodeJson(*node.GetChildNode(i), nodes);
 }
 
+ojson pointJson(const mq::Point3& p) {
+    // Doubles of the floats, as scene files store them.
+    return ojson::array({double(p.x), double(p.y), double(p.z)});
+}
+
+ojson tileJson(const std::filesystem::path& scene, const Node& node, const mq::TileStats& s) {
+    ojson j = ojson::object();
+    j["file"] = scene.string();
+    j["node"] = node.GetName();
+    j["faces"] = s.faceCount;
+    j["vertices"] = s.vertexCount;
+    j["segments"] = {
+        {"u", s.segmentCountU}, {"v", s.segmentCountV}, {"size", pointJson(s.segmentSize)}};
+    j["cropSize"] = pointJson(s.cropSize);
+    j["octree"] = {{"min", pointJson(s.octreeMin)}, {"max", pointJson(s.octreeMax)},
+                   {"depth", s.octreeDepth},        {"nodes", s.octreeNodes},
+                   {"leaves", s.octreeLeaves},      {"largestLeaf", s.largestLeaf}};
+    ojson cloud = ojson::object();
+    cloud["valid"] = s.pointCloudValid;
+    cloud["min"] = s.pointCloudValid ? pointJson(s.pointCloudBox.pmin) : ojson();
+    cloud["max"] = s.pointCloudValid ? pointJson(s.pointCloudBox.pmax) : ojson();
+    j["pointCloud"] = std::move(cloud);
+    return j;
+}
+
+std::string tileText(const std::filesystem::path& scene, const Node& node, const mq::TileStats& s) {
+    std::ostringstream out;
+    auto row = [&](const char* label, const std::string& text) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%-13s", label);
+        out << "  " << buf << text << "\n";
+    };
+    out << scene.string() << ": tile of " << node.GetName() << " at time 0\n";
+    row("faces", std::to_string(s.faceCount));
+    row("vertices", std::to_string(s.vertexCount));
+    row("segments", std::to_string(s.segmentCountU) + " x " + std::to_string(s.segmentCountV) +
+                        ", each " + point(s.segmentSize));
+    row("crop size", point(s.cropSize));
+    row("octree", "depth " + std::to_string(s.octreeDepth) + ", " + std::to_string(s.octreeNodes) +
+                      " nodes, " + std::to_string(s.octreeLeaves) + " leaves, largest leaf " +
+                      std::to_string(s.largestLeaf) + (s.largestLeaf == 1 ? " face" : " faces"));
+    row("octree box", point(s.octreeMin) + " to " + point(s.octreeMax));
+    row("point cloud", s.pointCloudValid
+                           ? point(s.pointCloudBox.pmin) + " to " + point(s.pointCloudBox.pmax)
+                           : std::string("not sampled"));
+    return out.str();
+}
+
+// The captured tile of one Mosaiq node instead of the whole scene.
+void inspectTile(mq::HostInterface& ip, const InspectOptions& opt) {
+    Node* node = findUniqueNode(ip.scene(), opt.tileNode, opt.scene.string());
+    mq::IPatternTools& tools = patternToolsOrFail(*node, opt.scene.string());
+    mq::TileStats stats;
+    std::string error;
+    if (!tools.tileStats(0, stats, error)) {
+        throw CliError(kExitInput, opt.scene.string() + ": " + node->GetName() +
+                                       ": cannot capture the tile: " + error);
+    }
+    if (opt.json) {
+        std::cout << mq::formatSceneJson(tileJson(opt.scene, *node, stats));
+    } else {
+        std::cout << tileText(opt.scene, *node, stats);
+    }
+}
+
 }  // namespace
 
 void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     loadSceneOrFail(ip, opt.scene);
+    if (!opt.tileNode.empty()) return inspectTile(ip, opt);
     mq::Scene& scene = ip.scene();
     Node* root = scene.root();
 

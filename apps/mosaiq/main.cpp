@@ -45,6 +45,8 @@ int main(int argc, char** argv) {
         app.add_subcommand("inspect", "Show a scene's nodes, objects and parameters");
     inspect->add_option("SCENE", inspectOpt.scene, "Scene file (.mosaiq)")->required();
     inspect->add_flag("--json", inspectOpt.json, "Print JSON for scripts");
+    inspect->add_option("--tile", inspectOpt.tileNode,
+                        "Capture this Mosaiq node's tile and show its statistics instead");
 
     NewOptions newOpt;
     CLI::App* create = app.add_subcommand("new", "Write a scene with one default Mosaiq object");
@@ -67,6 +69,17 @@ int main(int argc, char** argv) {
                     "transform; tables and matrices as comma lists")
         ->required();
     set->add_option("-o,--output", setOpt.output, "Write here instead of SCENE");
+
+    CropOptions cropOpt;
+    CLI::App* crop = app.add_subcommand(
+        "crop", "Reset or fit a Mosaiq object's crop box to its pattern and write the scene");
+    crop->add_option("OPERATION", cropOpt.operation,
+                     "reset: enclose the pattern, unrotated; fit: keep the rotation")
+        ->required()
+        ->check(CLI::IsMember({"reset", "fit"}));
+    crop->add_option("SCENE", cropOpt.scene, "Scene file")->required();
+    crop->add_option("NODE", cropOpt.node, "Name of the Mosaiq node")->required();
+    crop->add_option("-o,--output", cropOpt.output, "Write here instead of SCENE");
 
     try {
         app.parse(argc, argv);
@@ -95,6 +108,7 @@ int main(int argc, char** argv) {
         if (create->parsed()) runNew(ip, newOpt);
         if (import->parsed()) runImport(ip, importOpt);
         if (set->parsed()) runSet(ip, setOpt);
+        if (crop->parsed()) runCrop(ip, cropOpt);
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
         return e.code();

@@ -190,6 +190,8 @@ Mesh* Mosaiq::GetRenderMesh(TimeValue t, Node* node, View& view, bool& needDelet
 }
 
 void* Mosaiq::GetInterface(uint32_t id) {
+    // Handed out as the interface's own pointer, so callers cast void* back to it.
+    if (id == kPatternToolsInterfaceId) return static_cast<IPatternTools*>(patternTools());
     // The render-object interface joins here with the render instance.
     return GeomObject::GetInterface(id);
 }

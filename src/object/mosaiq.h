@@ -12,6 +12,7 @@
 #include "host/node.h"
 #include "host/object.h"
 #include "host/paramblock.h"
+#include "host/pattern_tools.h"
 
 #include <array>
 #include <cstdint>
@@ -94,6 +95,12 @@ public:
     // How often loadPatternFile ran.
     int loadPatternFileCalls() const { return loadPatternFileCalls_; }
 
+    // The crop-box operations and tile statistics for hosts that see the
+    // object only through GetInterface(mq::kPatternToolsInterfaceId)
+    // (pattern_tools.cpp). Made on first use and owned by the object; null
+    // when it cannot be allocated.
+    mq::IPatternTools* patternTools();
+
     // Animatable
     int NumSubs() override { return 1; }
     mq::Animatable* SubAnim(int i) override;
@@ -164,6 +171,7 @@ private:
     bool renderReady_ = false;
     std::string lastPatternError_;
     int loadPatternFileCalls_ = 0;
+    std::unique_ptr<mq::IPatternTools> patternTools_;
     // Move, rotate, uniform scale, non-uniform scale, squash; while editing.
     std::array<std::unique_ptr<mq::CommandMode>, 5> cropModes_;
 };
