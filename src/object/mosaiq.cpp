@@ -10,6 +10,9 @@
 #include "plugin/postload.h"
 #include "plugin/resource.h"
 #include "plugin/stringtable.h"
+#include "render/instance.h"
+
+#include <new>
 
 namespace mosaiq {
 
@@ -192,11 +195,30 @@ Mesh* Mosaiq::GetRenderMesh(TimeValue t, Node* node, View& view, bool& needDelet
 void* Mosaiq::GetInterface(uint32_t id) {
     // Handed out as the interface's own pointer, so callers cast void* back to it.
     if (id == kPatternToolsInterfaceId) return static_cast<IPatternTools*>(patternTools());
-    // The render-object interface joins here with the render instance.
+    if (id == tracer::kRenderObjectInterfaceId) return static_cast<tracer::RenderObject*>(this);
     return GeomObject::GetInterface(id);
 }
 
-void Mosaiq::ReleaseInterface(uint32_t id, void* i) { GeomObject::ReleaseInterface(id, i); }
+void Mosaiq::ReleaseInterface(uint32_t id, void* i) {
+    // The render-object part is this object itself: nothing to release.
+    if (id == tracer::kRenderObjectInterfaceId) return;
+    GeomObject::ReleaseInterface(id, i);
+}
+
+tracer::RenderInstance* Mosaiq::newRenderInstance(Node* node, tracer::RenderCore& core,
+                                                  int renderId) {
+    if (!renderReady_) return nullptr;
+    try {
+        return new (std::nothrow) MosaiqInstance(this, node, &core, renderId);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void Mosaiq::deleteRenderInstance(tracer::RenderInstance* instance) {
+    // The flag is never cleared, so every instance made is deleted here.
+    if (renderReady_) delete instance;
+}
 
 IOResult Mosaiq::Save(ISave* isave) { return IO_OK; }
 

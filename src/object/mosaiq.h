@@ -13,6 +13,7 @@
 #include "host/object.h"
 #include "host/paramblock.h"
 #include "host/pattern_tools.h"
+#include "tracer/protocol.h"
 
 #include <array>
 #include <cstdint>
@@ -23,7 +24,7 @@
 
 namespace mosaiq {
 
-class Mosaiq : public mq::GeomObject {
+class Mosaiq : public mq::GeomObject, public mq::tracer::RenderObject {
 public:
     Mosaiq();
     ~Mosaiq() override;
@@ -136,6 +137,14 @@ public:
     int NumParamBlocks() override { return 1; }
     mq::ParamBlock* GetParamBlock(int i) override { return pblock_; }
     mq::ParamBlock* GetParamBlockByID(mq::BlockID id) override;
+
+    // RenderObject, reached through GetInterface(mq::tracer::kRenderObjectInterfaceId).
+    // Instances are made only while renderReady(); null otherwise or when
+    // allocation fails. Never throws.
+    bool init(mq::tracer::RenderCore& core) override { return true; }
+    mq::tracer::RenderInstance* newRenderInstance(mq::Node* node, mq::tracer::RenderCore& core,
+                                                  int renderId) override;
+    void deleteRenderInstance(mq::tracer::RenderInstance* instance) override;
 
 private:
     void refreshWorkingCopy(mq::TimeValue t);

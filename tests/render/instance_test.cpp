@@ -1,0 +1,515 @@
+// The render instance: hit records never leak between rays, texture
+// coordinates on the surface's channel and on the pattern's, empty Poli_ID
+// ranges, and whole renders through the embedded tracer.
+#include "render/instance.h"
+
+#include "host/mesh.h"
+#include "host/node.h"
+#include "host/object.h"
+#include "plugin/params.h"
+#include "support/mosaiq_test.h"
+#include "tracer/renderer.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+namespace mosaiq {
+namespace {
+
+using namespace mq;
+using tracer::IntersectionData;
+using tracer::PrimitiveEntry;
+using tracer::RayContext;
+
+// ---- Hit-record store ----
+
+TileHit hitWithFace(int32_t face) {
+    TileHit h;
+    h.faceIndex = face;
+    h.faceKey = face * 10;
+    return h;
+}
+
+TEST(HitRecordStore, LookupFindsOnlyTheRayThatWrote) {
+    HitRecordStore store;
+    ASSERT_TRUE(store.create(2));
+    ASSERT_TRUE(store.write(0, 2, 5, hitWithFace(7)));
+
+    const TileHit* found = store.lookup(0, 2, 5);
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->faceIndex, 7);
+    EXPECT_EQ(store.entryCount(0), 3);  // grown to level + 1
+
+    EXPECT_EQ(store.lookup(0, 2, 6), nullptr);  // a later ray on the same level
+    EXPECT_EQ(store.lookup(0, 1, 5), nullptr);  // levels below were never written
+    EXPECT_EQ(store.lookup(0, 0, 0), nullptr);  // empty entries don't match tag 0
+    EXPECT_EQ(store.lookup(0, 3, 5), nullptr);  // beyond the list
+    EXPECT_EQ(store.lookup(1, 2, 5), nullptr);  // another thread's list
+    EXPECT_EQ(store.lookup(2, 2, 5), nullptr);  // no such thread
+    EXPECT_EQ(store.lookup(-1, 2, 5), nullptr);
+    EXPECT_EQ(store.lookup(0, -1, 5), nullptr);
+
+    // A later ray overwrites: the earlier one's record is gone.
+    ASSERT_TRUE(store.write(0, 2, 9, hitWithFace(3)));
+    EXPECT_EQ(store.lookup(0, 2, 5), nullptr);
+    ASSERT_NE(store.lookup(0, 2, 9), nullptr);
+    EXPECT_EQ(store.lookup(0, 2, 9)->faceIndex, 3);
+
+    // Clearing tags (every frame) empties every record.
+    store.clearTags();
+    EXPECT_EQ(store.lookup(0, 2, 9), nullptr);
+}
+
+TEST(HitRecordStore, ThreadsKeepTheirOwnRecords) {
+    HitRecordStore store;
+    ASSERT_TRUE(store.create(3));
+    ASSERT_TRUE(store.write(0, 1, 4, hitWithFace(10)));
+    ASSERT_TRUE(store.write(2, 1, 4, hitWithFace(12)));
+    EXPECT_EQ(store.lookup(0, 1, 4)->faceIndex, 10);
+    EXPECT_EQ(store.lookup(2, 1, 4)->faceIndex, 12);
+    EXPECT_EQ(store.lookup(1, 1, 4), nullptr);
+    EXPECT_EQ(store.entryCount(1), 0);
+}
+
+TEST(HitRecordStore, DeepLevelsGrowTheListAndKeepEarlierRecords) {
+    HitRecordStore store;
+    ASSERT_TRUE(store.create(1));
+    ASSERT_TRUE(store.write(0, 3, 1, hitWithFace(1)));
+    const int32_t deep = HitRecordStore::kGrowthCapacity + 15;
+    ASSERT_TRUE(store.write(0, deep, 2, hitWithFace(2)));
+    EXPECT_EQ(store.entryCount(0), deep + 1);
+    ASSERT_NE(store.lookup(0, 3, 1), nullptr);
+    EXPECT_EQ(store.lookup(0, 3, 1)->faceIndex, 1);
+    EXPECT_EQ(store.lookup(0, deep, 2)->faceIndex, 2);
+    for (int32_t level = 4; level < deep; ++level) EXPECT_EQ(store.lookup(0, level, 1), nullptr);
+}
+
+TEST(HitRecordStore, UnusableStoresRefuseQuietly) {
+    HitRecordStore store;
+    EXPECT_FALSE(store.write(0, 0, 1, hitWithFace(0)));  // never created
+    EXPECT_EQ(store.lookup(0, 0, 1), nullptr);
+    EXPECT_FALSE(store.create(0));
+    ASSERT_TRUE(store.create(1));
+    EXPECT_FALSE(store.write(0, 0, 0, hitWithFace(0)));  // tag 0 means empty
+    EXPECT_FALSE(store.write(1, 0, 1, hitWithFace(0)));
+    store.free();
+    EXPECT_EQ(store.threadCount(), 0);
+    EXPECT_EQ(store.lookup(0, 0, 1), nullptr);
+}
+
+// ---- Scenes ----
+
+// The tracer's side of the protocol for driving an instance by hand.
+class FakeCore final : public tracer::RenderCore, public tracer::RayServer {
+public:
+    explicit FakeCore(int threads) : threads_(threads) {}
+    int threadCount() const override { return threads_; }
+    tracer::RayServer& rayServer() override { return *this; }
+    TimeValue currentTime() const override { return 0; }
+    int newRenderId() override { return nextId_++; }
+    void storeDynamicPrimitive(tracer::DynamicPrimitive* prim, tracer::RenderInstance*,
+                               int) override {
+        registered.push_back(prim);
+    }
+    std::vector<tracer::DynamicPrimitive*> registered;
+
+private:
+    int threads_;
+    int nextId_ = 1;
+};
+
+class VectorSink final : public tracer::PrimitiveSink {
+public:
+    void insert(const PrimitiveEntry& e) override { entries.push_back(e); }
+    std::vector<PrimitiveEntry> entries;
+};
+
+Node* addNode(Scene& scene, const std::string& name, Object* obj, const Matrix3& tm = Matrix3()) {
+    auto node = std::make_unique<Node>(name);
+    node->SetObjectRef(obj);
+    node->setLocalTM(tm);
+    return scene.root()->attachChild(std::move(node));
+}
+
+// A 20 x 20 plane surface at z = 0 with UV (x / 20 + 0.5, y / 20 + 0.5) on
+// channel 1 (and the same on channel 2), a pattern far out of view, and a
+// Mosaiq over the plane. The crop box is 8 x 8 x 2 centred on the pattern's
+// position, so with tiling 1 the pattern's middle half lands on
+// world [-5, 5]^2.
+struct MosaiqScene {
+    explicit MosaiqScene(Mesh pattern, const Point3& cropCentre = Point3(0, 0, 0)) {
+        Mesh plane = makePlaneMesh(20, 20, 2, 2);
+        plane.setMapSupport(2);
+        plane.Map(2) = plane.Map(1);
+        surface = addNode(scene, "Surface", new TriObject(std::move(plane)));
+        patternNode = addNode(scene, "Pattern", new TriObject(std::move(pattern)),
+                              TransMatrix(Point3(100, 0, 0)));
+        patternNode->SetRenderable(false);
+        test::MosaiqPtr obj = test::newMosaiq();
+        mosaiq = obj.get();
+        mosaiqNode = addNode(scene, "Mosaiq", obj.release());
+        ParamBlock& pb = *mosaiq->GetParamBlock(0);
+        pb.SetValue(kSurface, 0, surface);
+        pb.SetValue(kPattern, 0, patternNode);
+        pb.SetValue(kCropTransform, 0, TransMatrix(cropCentre));
+        pb.SetValue(kCropSize, 0, 8.0f, 0);
+        pb.SetValue(kCropSize, 0, 8.0f, 1);
+        pb.SetValue(kCropSize, 0, 2.0f, 2);
+        // Host planes number their faces' materials from 1: take both ids.
+        pb.SetValue(kPoliId, 0, 1, 0);
+        pb.SetValue(kPoliId, 0, 2, 1);
+        pb.SetValue(kHeight, 0, 50.0f);
+    }
+    ParamBlock& pblock() { return *mosaiq->GetParamBlock(0); }
+
+    Scene scene;
+    Node* surface = nullptr;
+    Node* patternNode = nullptr;
+    Node* mosaiqNode = nullptr;
+    Mosaiq* mosaiq = nullptr;
+};
+
+// A flat 4 x 4 pattern with UV (x / 4 + 0.5, y / 4 + 0.5): an exact oracle
+// for the pattern's own coordinates at any hit.
+Mesh flatPattern() { return makePlaneMesh(4, 4, 1, 1); }
+
+// The instance's pieces, expanded for one thread, traced by brute force.
+struct Traced {
+    bool hit = false;
+    IntersectionData isect;
+};
+
+Traced traceDown(const MosaiqInstance& inst, const std::vector<PrimitiveEntry>& entries,
+                 RayContext& rc, float x, float y) {
+    rc.origin[0] = x;
+    rc.origin[1] = y;
+    rc.origin[2] = 50.0;
+    rc.direction = Point3(0, 0, -1);
+    rc.bestDistance = rc.tMax;
+    rc.hit = nullptr;
+    Traced out;
+    int64_t best = -1;
+    for (const PrimitiveEntry& e : entries) {
+        if (e.intersect(e.data, rc)) best = e.id;
+    }
+    if (best < 0) return out;
+    out.hit = inst.intersectionData(rc, uint32_t(best), out.isect);
+    return out;
+}
+
+struct DrivenInstance {
+    DrivenInstance(MosaiqScene& s, int threads = 1) : core(threads) {
+        inst.reset(
+            static_cast<MosaiqInstance*>(s.mosaiq->newRenderInstance(s.mosaiqNode, core, 1)));
+        if (!inst) return;
+        inst->renderBegin(0, core);
+        inst->frameBegin(0, core);
+        inst->compileGeometry(core);
+        VectorSink sink;
+        inst->expand(0, sink);
+        entries = sink.entries;
+    }
+    ~DrivenInstance() {
+        if (!inst) return;
+        inst->frameEnd(core);
+        inst->renderEnd(core);
+    }
+    FakeCore core;
+    std::unique_ptr<MosaiqInstance> inst;
+    std::vector<PrimitiveEntry> entries;
+};
+
+// ---- Texture coordinates ----
+
+TEST(MosaiqInstanceUvw, MapChannelWithSurfaceMappingGivesTheSurfaceUv) {
+    struct Case {
+        float tilingU, tilingV;
+        bool realWorldScale;
+    };
+    // Real_World_Scale stores the reciprocal tiling; the answer is the same UV.
+    for (const Case c : {Case{1, 1, false}, Case{2, 3, false}, Case{0.5f, 0.25f, true}}) {
+        SCOPED_TRACE(testing::Message()
+                     << c.tilingU << " x " << c.tilingV << " rws " << c.realWorldScale);
+        MosaiqScene s(flatPattern());
+        s.pblock().SetValue(kTiling, 0, c.tilingU, 0);
+        s.pblock().SetValue(kTiling, 0, c.tilingV, 1);
+        s.pblock().SetValue(kRealWorldScale, 0, c.realWorldScale ? 1 : 0);
+        DrivenInstance d(s);
+        ASSERT_TRUE(d.inst);
+        ASSERT_TRUE(d.inst->frameValid());
+        const float tu = c.realWorldScale ? 1.0f / c.tilingU : c.tilingU;
+        const float tv = c.realWorldScale ? 1.0f / c.tilingV : c.tilingV;
+        EXPECT_FLOAT_EQ(d.inst->tilingU(), tu);
+        // Near the middle of the first tile cell, where the pattern lies.
+        const float x = (0.5f / tu - 0.5f) * 20.0f + 0.3f;
+        const float y = (0.5f / tv - 0.5f) * 20.0f - 0.2f;
+        RayContext rc;
+        rc.raySequence = 11;
+        const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
+        ASSERT_TRUE(t.hit);
+        rc.hit = &t.isect;
+        const Point3 uv = d.inst->uvw(rc, 1);
+        EXPECT_NEAR(uv.x, x / 20.0f + 0.5f, 1e-4f);
+        EXPECT_NEAR(uv.y, y / 20.0f + 0.5f, 1e-4f);
+        EXPECT_TRUE(std::isfinite(uv.z));
+    }
+}
+
+TEST(MosaiqInstanceUvw, OtherChannelsAndMappingOffGiveThePatternUv) {
+    const float x = 1.5f, y = -2.5f;
+    // Tile x = (x + 10) / 20 * 8 and pattern x = tile x - 4 = 0.4 x.
+    const Point3 patternUv(0.4f * x / 4 + 0.5f, 0.4f * y / 4 + 0.5f, 0);
+    const Point3 surfaceUv(x / 20 + 0.5f, y / 20 + 0.5f, 0);
+    struct Case {
+        int mapChannel, useSurfaceMapping, channel;
+        bool surface;
+    };
+    for (const Case c :
+         {Case{1, 1, 1, true}, Case{1, 0, 1, false}, Case{2, 1, 1, false}, Case{2, 1, 2, true}}) {
+        SCOPED_TRACE(testing::Message() << "map " << c.mapChannel << " on " << c.useSurfaceMapping
+                                        << " asked " << c.channel);
+        MosaiqScene s(flatPattern());
+        s.pblock().SetValue(kMapChannel, 0, c.mapChannel);
+        s.pblock().SetValue(kUseSurfaceMapping, 0, c.useSurfaceMapping);
+        DrivenInstance d(s);
+        ASSERT_TRUE(d.inst);
+        RayContext rc;
+        rc.raySequence = 3;
+        const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
+        ASSERT_TRUE(t.hit);
+        rc.hit = &t.isect;
+        const Point3 uv = d.inst->uvw(rc, c.channel);
+        const Point3 want = c.surface ? surfaceUv : patternUv;
+        EXPECT_NEAR(uv.x, want.x, 1e-4f);
+        EXPECT_NEAR(uv.y, want.y, 1e-4f);
+    }
+    // A channel neither the pattern nor the mapping has is zero.
+    MosaiqScene s(flatPattern());
+    DrivenInstance d(s);
+    RayContext rc;
+    rc.raySequence = 3;
+    const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
+    ASSERT_TRUE(t.hit);
+    rc.hit = &t.isect;
+    const Point3 none = d.inst->uvw(rc, 7);
+    EXPECT_EQ(none.x, 0.0f);
+    EXPECT_EQ(none.y, 0.0f);
+}
+
+// ---- Intersection data ----
+
+TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRay) {
+    MosaiqScene s(flatPattern());
+    DrivenInstance d(s, 2);
+    ASSERT_TRUE(d.inst);
+    RayContext rc;
+    rc.threadIndex = 1;
+    rc.rayLevel = 2;
+    rc.raySequence = 40;
+    const Traced t = traceDown(*d.inst, d.entries, rc, 0.7f, 1.1f);
+    ASSERT_TRUE(t.hit);
+    // The flat pattern lies at tile z = 1 of 2: half-way up the prism.
+    EXPECT_NEAR(t.isect.point[0], 0.7, 1e-4);
+    EXPECT_NEAR(t.isect.point[1], 1.1, 1e-4);
+    EXPECT_NEAR(t.isect.t, 50.0 - t.isect.point[2], 1e-4);
+    EXPECT_GT(t.isect.point[2], 0.0);
+    EXPECT_NEAR(std::fabs(t.isect.geometricNormal.z), 1.0f, 1e-4f);
+    EXPECT_GE(t.isect.faceIndex, 0);
+    EXPECT_EQ(t.isect.shadeData, d.inst.get());
+    // The face base spans the hit: corner + beta e1 + gamma e2 is the point.
+    const Point3 p = t.isect.faceBase[0] + t.isect.faceBase[1] * t.isect.bary.x +
+                     t.isect.faceBase[2] * t.isect.bary.y;
+    for (int a = 0; a < 3; ++a) EXPECT_NEAR(p[a], t.isect.point[a], 1e-3);
+
+    // The same primitive asked for another ray, level or thread: no record.
+    IntersectionData other;
+    const uint32_t id = t.isect.primitiveId;
+    RayContext later = rc;
+    later.raySequence = 41;
+    EXPECT_FALSE(d.inst->intersectionData(later, id, other));
+    RayContext level = rc;
+    level.rayLevel = 1;
+    EXPECT_FALSE(d.inst->intersectionData(level, id, other));
+    RayContext thread = rc;
+    thread.threadIndex = 0;
+    EXPECT_FALSE(d.inst->intersectionData(thread, id, other));
+    // Asked for another piece than the one that wrote the record.
+    const uint32_t otherPiece = id == 0 ? 1 : 0;
+    EXPECT_FALSE(d.inst->intersectionData(rc, otherPiece, other));
+    EXPECT_FALSE(d.inst->intersectionData(rc, uint32_t(d.inst->primitiveCount()), other));
+}
+
+TEST(MosaiqInstanceFrame, PoliIdRangeWithoutFacesIsValidAndEmpty) {
+    MosaiqScene s(flatPattern());
+    s.pblock().SetValue(kPoliId, 0, 50, 0);
+    s.pblock().SetValue(kPoliId, 0, 60, 1);
+    DrivenInstance d(s);
+    ASSERT_TRUE(d.inst);
+    EXPECT_TRUE(d.inst->frameValid());
+    EXPECT_EQ(d.inst->primitiveCount(), 0);
+    EXPECT_TRUE(d.inst->boundingBox().isEmpty());
+    EXPECT_TRUE(d.entries.empty());
+}
+
+TEST(MosaiqInstanceFrame, FailedMappingKeepsTheInstanceOutOfTheRayServer) {
+    MosaiqScene s(flatPattern());
+    s.pblock().SetValue(kSurface, 0, static_cast<Node*>(nullptr));
+    DrivenInstance d(s);
+    ASSERT_TRUE(d.inst);
+    EXPECT_TRUE(d.inst->tile().built);
+    EXPECT_FALSE(d.inst->frameValid());
+    EXPECT_TRUE(d.core.registered.empty());
+}
+
+TEST(MosaiqInstanceFrame, StoresFollowTheCoreAndEndWithTheRender) {
+    MosaiqScene s(flatPattern());
+    FakeCore core(3);
+    std::unique_ptr<MosaiqInstance> inst(
+        static_cast<MosaiqInstance*>(s.mosaiq->newRenderInstance(s.mosaiqNode, core, 1)));
+    ASSERT_TRUE(inst);
+    inst->renderBegin(0, core);
+    for (int i = 0; i < MosaiqInstance::kStoreCount; ++i)
+        EXPECT_EQ(inst->hitStore(i).threadCount(), 3);
+    inst->frameBegin(0, core);
+    inst->compileGeometry(core);
+    ASSERT_TRUE(inst->frameValid());
+    EXPECT_GT(inst->primitiveCount(), 0);
+    ASSERT_EQ(core.registered.size(), 1u);
+    EXPECT_EQ(core.registered[0], static_cast<tracer::DynamicPrimitive*>(inst.get()));
+    // The box holds every piece.
+    const tracer::StaticBox box = inst->boundingBox();
+    for (int i = 0; i < inst->primitiveCount(); ++i) {
+        const Box3 b = inst->primitives()[size_t(i)].boundingBox();
+        EXPECT_LE(box.pmin.x, b.pmin.x);
+        EXPECT_GE(box.pmax.z, b.pmax.z);
+    }
+    inst->frameEnd(core);
+    EXPECT_EQ(inst->primitiveCount(), 0);
+    inst->renderEnd(core);
+    EXPECT_FALSE(inst->tile().built);
+    EXPECT_EQ(inst->hitStore(0).threadCount(), 0);
+}
+
+// ---- The object's render side ----
+
+TEST(MosaiqRenderObject, AnswersTheRenderInterfaceOnlyWhenReady) {
+    test::MosaiqPtr empty = test::newMosaiq();
+    void* ro = empty->GetInterface(tracer::kRenderObjectInterfaceId);
+    ASSERT_EQ(ro, static_cast<tracer::RenderObject*>(empty.get()));
+    FakeCore core(1);
+    EXPECT_TRUE(static_cast<tracer::RenderObject*>(ro)->init(core));
+    EXPECT_FALSE(empty->renderReady());
+    EXPECT_EQ(empty->newRenderInstance(nullptr, core, 1), nullptr);
+    EXPECT_NE(empty->GetInterface(kPatternToolsInterfaceId), nullptr);
+
+    MosaiqScene s(flatPattern());
+    EXPECT_TRUE(s.mosaiq->renderReady());  // a picked scene node is enough
+    tracer::RenderInstance* inst = s.mosaiq->newRenderInstance(s.mosaiqNode, core, 4);
+    ASSERT_NE(inst, nullptr);
+    EXPECT_EQ(inst->node(), s.mosaiqNode);
+    EXPECT_EQ(inst->renderId(), 4);
+    EXPECT_EQ(inst->renderObject(), static_cast<tracer::RenderObject*>(s.mosaiq));
+    s.mosaiq->deleteRenderInstance(inst);
+}
+
+// ---- Whole renders ----
+
+tracer::RenderSettings topView(int threads) {
+    tracer::RenderSettings r;
+    r.width = r.height = 32;
+    r.samplesPerPixel = 2;
+    r.maxDepth = 2;
+    r.threads = threads;
+    r.seed = 3;
+    return r;
+}
+
+void cameraAbove(Scene& scene) {
+    scene.camera = {{"position", {0.0, 0.0, 50.0}},
+                    {"target", {0.0, 0.0, 0.0}},
+                    {"up", {0.0, 1.0, 0.0}},
+                    {"fov", 25.0}};
+}
+
+// Where a pixel's centre ray meets z = 0 (|x| and |y| in world units) for
+// the camera above: the image spans tan(12.5 deg) x 50 either side.
+float pixelReach(int px, int py) {
+    const float half = std::tan(12.5f * 3.14159265f / 180.0f) * 50.0f;
+    const float x = ((px + 0.5f) / 16.0f - 1.0f) * half;
+    const float y = ((py + 0.5f) / 16.0f - 1.0f) * half;
+    return std::max(std::fabs(x), std::fabs(y));
+}
+
+TEST(MosaiqRender, BoxPatternShowsWhereTheTileHoldsIt) {
+    // A 4 x 4 x 1 box in the middle of the 8 x 8 x 2 crop: over the plane it
+    // covers world [-5, 5]^2, the rest of the plane stays bare.
+    MosaiqScene s(makeBoxMesh(4, 4, 1, 1, 1, 1), Point3(0, 0, 0.5f));
+    cameraAbove(s.scene);
+    const tracer::Image one = tracer::renderImage(s.scene, topView(1));
+    const tracer::Image two = tracer::renderImage(s.scene, topView(2));
+
+    // Objects: the surface is 1, the pattern node is not rendered, Mosaiq is 2.
+    int inner = 0, outer = 0, innerMosaiq = 0, outerSurface = 0;
+    for (int py = 0; py < 32; ++py) {
+        for (int px = 0; px < 32; ++px) {
+            const float reach = pixelReach(px, py);
+            const float id = one.objectId[size_t(py) * 32 + px];
+            if (reach < 4.0f) {
+                ++inner;
+                innerMosaiq += id == 2.0f;
+            } else if (reach > 7.0f && reach < 9.5f) {
+                ++outer;
+                outerSurface += id == 1.0f;
+            }
+        }
+    }
+    ASSERT_GT(inner, 50);
+    ASSERT_GT(outer, 100);
+    EXPECT_EQ(innerMosaiq, inner);
+    EXPECT_EQ(outerSurface, outer);
+
+    // One thread or two: the same bytes.
+    EXPECT_EQ(one.rgba, two.rgba);
+    EXPECT_EQ(one.normal, two.normal);
+    EXPECT_EQ(one.depth, two.depth);
+    EXPECT_EQ(one.objectId, two.objectId);
+}
+
+TEST(MosaiqRender, NothingOfThePatternShowsWithoutPiecesOrPattern) {
+    int mosaiqPixels = 0, surfacePixels = 0;
+    auto count = [&](const tracer::Image& img) {
+        mosaiqPixels = surfacePixels = 0;
+        for (float id : img.objectId) {
+            mosaiqPixels += id == 2.0f;
+            surfacePixels += id == 1.0f;
+        }
+    };
+    {
+        // A Poli_ID range without faces.
+        MosaiqScene s(makeBoxMesh(4, 4, 1, 1, 1, 1), Point3(0, 0, 0.5f));
+        s.pblock().SetValue(kPoliId, 0, 50, 0);
+        s.pblock().SetValue(kPoliId, 0, 60, 1);
+        cameraAbove(s.scene);
+        count(tracer::renderImage(s.scene, topView(2)));
+        EXPECT_EQ(mosaiqPixels, 0);
+        EXPECT_GT(surfacePixels, 500);
+    }
+    {
+        // A Mosaiq with no pattern at all: no instance, no crash.
+        Scene scene;
+        addNode(scene, "Surface", new TriObject(makePlaneMesh(20, 20, 1, 1)));
+        test::MosaiqPtr obj = test::newMosaiq();
+        obj->GetParamBlock(0)->SetValue(kSurface, 0, scene.findNode("Surface"));
+        addNode(scene, "Mosaiq", obj.release());
+        cameraAbove(scene);
+        count(tracer::renderImage(scene, topView(2)));
+        EXPECT_EQ(mosaiqPixels, 0);
+        EXPECT_GT(surfacePixels, 500);
+    }
+}
+
+}  // namespace
+}  // namespace mosaiq
