@@ -1,6 +1,7 @@
 // Built-in primitive meshes. All wind counter-clockwise seen from outside,
 // share geometry vertices across UV seams and put UVs on map channel 1.
-// Material ids count from 1 (one per side where a primitive has sides).
+// Material ids, as users number them, count from 1 (one per side where a
+// primitive has sides); the mesh stores them from 0.
 #include "host/mesh.h"
 
 #include <algorithm>
@@ -44,7 +45,8 @@ public:
         f.v[1] = b;
         f.v[2] = c;
         f.smGroup = smGroup;
-        f.setMatID(matId);
+        // Users number materials from 1; meshes store them from 0.
+        f.setMatID(static_cast<uint16_t>(matId - 1));
         mesh_.faces.push_back(f);
         mesh_.Map(1).faces.push_back(TVFace{{ta, tb, tc}});
     }
