@@ -7,7 +7,7 @@ BUILD = build/$(PRESET)
 .PHONY: run test build configure deps asan clean format
 
 run: build
-	$(BUILD)/bin/mosaiq inspect examples/simple.mosaiq
+	$(BUILD)/bin/mosaiq render
 
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)

@@ -18,6 +18,7 @@ enum ExitCode : int {
     kExitInput = 3,   // a scene or asset that cannot be read
     kExitOutput = 4,  // a file that cannot be written
     kExitRender = 5,
+    kExitInterrupted = 130,  // stopped by SIGINT or SIGTERM, as shells report it
 };
 
 // Ends the command: main prints "mosaiq: error: <what>" and exits with code.
@@ -70,10 +71,36 @@ struct CropOptions {
     std::filesystem::path output;  // empty: write back to scene
 };
 
+struct RenderOptions {
+    std::filesystem::path scene;         // empty: the built-in demo scene
+    std::filesystem::path output;        // empty: <scene stem>.png, or mosaiq-demo.png
+    std::string resolution;              // "WxH"; empty: the scene's
+    int spp = 0;                         // 0: the scene's
+    int threads = -1;                    // -1: the scene's; 0: one per hardware thread
+    long long seed = -1;                 // -1: the scene's
+    std::string frames;                  // "A-B" or "A"; empty: frame 0
+    std::string crop;                    // "x0,x1,y0,y1" in pixels; empty: whole image
+    std::vector<std::string> defines;    // -D key=value: render setting or Node.Param
+    bool quiet = false;
+    std::string pass;                    // empty: beauty; normal, depth or objectid
+};
+
+// Apply one `set`-style KEY=VALUE (parameter, optionally [index], or
+// renderable, material, transform) to node; CliError(kExitUsage) when the key
+// or value is bad. Prints the new value when echo is set.
+void applyAssignment(mq::Scene& scene, mq::Node& node, const std::string& keyValue, bool echo);
+
+// Make the built-in demo scene the host's scene: a chain-mail Mosaiq object
+// over a cylinder standing on a ground plane, with camera, lights and
+// materials. CliError(kExitInput) when the Mosaiq plug-in is not loaded.
+void buildDemoScene(mq::HostInterface& ip);
+
 void runInspect(mq::HostInterface& ip, const InspectOptions& opt);
 void runNew(mq::HostInterface& ip, const NewOptions& opt);
 void runImport(mq::HostInterface& ip, const ImportOptions& opt);
 void runSet(mq::HostInterface& ip, const SetOptions& opt);
 void runCrop(mq::HostInterface& ip, const CropOptions& opt);
+// Returns the exit code: kExitOk, or kExitInterrupted after a Ctrl-C.
+int runRender(mq::HostInterface& ip, const RenderOptions& opt);
 
 }  // namespace mosaiq::cli

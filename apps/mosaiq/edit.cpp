@@ -11,6 +11,7 @@
 #include <iostream>
 #include <optional>
 #include <set>
+#include <sstream>
 
 namespace mosaiq::cli {
 
@@ -329,24 +330,35 @@ void runImport(mq::HostInterface& ip, const ImportOptions& opt) {
     std::cout << "wrote " << opt.scene.string() << "\n";
 }
 
+void applyAssignment(mq::Scene& scene, Node& node, const std::string& keyValue, bool echo) {
+    const Assignment a = parseAssignment(keyValue);
+    bool isProperty = false;
+    for (const char* p : kNodeProperties) isProperty = isProperty || a.key == p;
+    // The setters report the new value on stdout; a quiet caller drops it.
+    std::ostringstream silent;
+    std::streambuf* saved = echo ? nullptr : std::cout.rdbuf(silent.rdbuf());
+    try {
+        if (isProperty) {
+            setProperty(scene, node, a);
+        } else if (std::optional<ParamTarget> target = findParam(node, a.key)) {
+            setParam(scene, node, *target, a);
+        } else {
+            usage(node.GetName() + ": no parameter or property " + inQuotes(a.key) +
+                  "; valid keys: " + validKeys(node));
+        }
+    } catch (...) {
+        if (saved) std::cout.rdbuf(saved);
+        throw;
+    }
+    if (saved) std::cout.rdbuf(saved);
+}
+
 void runSet(mq::HostInterface& ip, const SetOptions& opt) {
     loadSceneOrFail(ip, opt.scene);
     mq::Scene& scene = ip.scene();
     Node* node = findUniqueNode(scene, opt.node, opt.scene.string());
 
-    for (const std::string& arg : opt.assignments) {
-        const Assignment a = parseAssignment(arg);
-        bool isProperty = false;
-        for (const char* p : kNodeProperties) isProperty = isProperty || a.key == p;
-        if (isProperty) {
-            setProperty(scene, *node, a);
-        } else if (std::optional<ParamTarget> target = findParam(*node, a.key)) {
-            setParam(scene, *node, *target, a);
-        } else {
-            usage(node->GetName() + ": no parameter or property " + inQuotes(a.key) +
-                  "; valid keys: " + validKeys(*node));
-        }
-    }
+    for (const std::string& arg : opt.assignments) applyAssignment(scene, *node, arg, true);
     const std::filesystem::path out = opt.output.empty() ? opt.scene : opt.output;
     saveSceneOrFail(scene, out);
     std::cout << "wrote " << out.string() << "\n";

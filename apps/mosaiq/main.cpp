@@ -81,6 +81,29 @@ int main(int argc, char** argv) {
     crop->add_option("NODE", cropOpt.node, "Name of the Mosaiq node")->required();
     crop->add_option("-o,--output", cropOpt.output, "Write here instead of SCENE");
 
+    RenderOptions renderOpt;
+    CLI::App* render = app.add_subcommand(
+        "render", "Render a scene, or the built-in demo scene, to an image");
+    render->add_option("SCENE", renderOpt.scene, "Scene file (.mosaiq); none: the demo scene");
+    render->add_option("-o,--output", renderOpt.output,
+                       "Image file (.png, .jpg, .exr); default <scene>.png or mosaiq-demo.png");
+    render->add_option("--resolution", renderOpt.resolution, "Image size as WIDTHxHEIGHT");
+    render->add_option("--spp", renderOpt.spp, "Samples per pixel")->check(CLI::Range(1, 1 << 20));
+    render->add_option("-t,--threads", renderOpt.threads, "Render threads; 0: one per core")
+        ->check(CLI::Range(0, 4096));
+    render->add_option("--seed", renderOpt.seed, "Sampling seed")
+        ->check(CLI::Range(0LL, 2147483647LL));
+    render->add_option("--frames", renderOpt.frames,
+                       "Frame range A-B; several frames write name.0001.png and so on");
+    render->add_option("--crop", renderOpt.crop, "Render only pixels x0,x1,y0,y1");
+    render->add_option("-D", renderOpt.defines,
+                       "Set a render setting (width, height, spp, seed, maxDepth, threads) or a "
+                       "node parameter as Node.Param=value; repeatable")
+        ->allow_extra_args(false);
+    render->add_flag("-q,--quiet", renderOpt.quiet, "No progress output");
+    render->add_option("--pass", renderOpt.pass, "Write a debug pass instead of the image")
+        ->check(CLI::IsMember({"normal", "depth", "objectid"}));
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -109,6 +132,7 @@ int main(int argc, char** argv) {
         if (import->parsed()) runImport(ip, importOpt);
         if (set->parsed()) runSet(ip, setOpt);
         if (crop->parsed()) runCrop(ip, cropOpt);
+        if (render->parsed()) return runRender(ip, renderOpt);
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
         return e.code();

@@ -1,0 +1,365 @@
+// mosaiq render: renders a scene file, or the built-in demo scene, with the
+// embedded path tracer. Settings come from the scene's "render" section,
+// then -D, then the options. Every output path is checked before the first
+// sample is traced; Ctrl-C stops the render and leaves no file behind.
+#include "cli.h"
+
+#include "host/node.h"
+#include "tracer/renderer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <optional>
+
+namespace mosaiq::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+volatile std::sig_atomic_t gInterrupted = 0;
+
+extern "C" void onInterrupt(int) { gInterrupted = 1; }
+
+// Thrown from the progress callback to unwind the render on a Ctrl-C.
+struct Interrupted {};
+
+[[noreturn]] void usage(const std::string& what) { throw CliError(kExitUsage, what); }
+
+std::optional<int> parseWhole(std::string_view text) {
+    int v = 0;
+    const auto res = std::from_chars(text.data(), text.data() + text.size(), v);
+    if (text.empty() || res.ec != std::errc() || res.ptr != text.data() + text.size())
+        return std::nullopt;
+    return v;
+}
+
+// "640x480" -> (640, 480).
+std::pair<int, int> parseResolution(const std::string& text) {
+    const size_t x = text.find_first_of("xX");
+    const auto w = x == std::string::npos ? std::nullopt : parseWhole(text.substr(0, x));
+    const auto h = x == std::string::npos ? std::nullopt : parseWhole(text.substr(x + 1));
+    if (!w || !h || *w < 1 || *h < 1 || *w > 65536 || *h > 65536)
+        usage("--resolution: expected WIDTHxHEIGHT with sizes 1 to 65536, found \"" + text + "\"");
+    return {*w, *h};
+}
+
+// "A-B" or "A" -> [A, B].
+std::pair<int, int> parseFrames(const std::string& text) {
+    const size_t dash = text.find('-', 1);
+    const auto a = parseWhole(text.substr(0, dash));
+    const auto b = dash == std::string::npos ? a : parseWhole(text.substr(dash + 1));
+    if (!a || !b || *a < 0 || *b < *a)
+        usage("--frames: expected A-B with 0 <= A <= B, found \"" + text + "\"");
+    return {*a, *b};
+}
+
+mq::tracer::CropRegion parseCrop(const std::string& text, int width, int height) {
+    int v[4] = {};
+    size_t start = 0;
+    for (int i = 0; i < 4; ++i) {
+        const size_t comma = i < 3 ? text.find(',', start) : text.size();
+        const auto n = comma == std::string::npos ? std::nullopt
+                                                  : parseWhole(text.substr(start, comma - start));
+        if (!n) usage("--crop: expected x0,x1,y0,y1 in pixels, found \"" + text + "\"");
+        v[i] = *n;
+        start = comma + 1;
+    }
+    if (v[0] < 0 || v[0] >= v[1] || v[1] > width || v[2] < 0 || v[2] >= v[3] || v[3] > height) {
+        usage("--crop " + text + ": needs 0 <= x0 < x1 <= " + std::to_string(width) +
+              " and 0 <= y0 < y1 <= " + std::to_string(height));
+    }
+    return {v[0], v[1], v[2], v[3]};
+}
+
+const char* const kRenderKeys[] = {"width", "height", "spp", "seed", "maxDepth", "threads"};
+
+// -D key=value: a render setting, or Node.Param=value (the last dot splits).
+void applyDefine(mq::Scene& scene, const std::string& define) {
+    const size_t eq = define.find('=');
+    if (eq == std::string::npos || eq == 0) usage("-D: expected key=value, found \"" + define + "\"");
+    const std::string key = define.substr(0, eq), value = define.substr(eq + 1);
+    const size_t dot = key.rfind('.');
+    if (dot != std::string::npos) {
+        if (dot == 0 || dot + 1 == key.size())
+            usage("-D " + define + ": expected Node.Param=value");
+        mq::Node* node = findUniqueNode(scene, key.substr(0, dot), "-D " + define);
+        applyAssignment(scene, *node, key.substr(dot + 1) + "=" + value, false);
+        return;
+    }
+    if (std::find(std::begin(kRenderKeys), std::end(kRenderKeys), key) == std::end(kRenderKeys)) {
+        std::string keys;
+        for (const char* k : kRenderKeys) keys += (keys.empty() ? "" : ", ") + std::string(k);
+        usage("-D " + define + ": unknown render setting \"" + key + "\" (render settings: " +
+              keys + "; node parameters as Node.Param=value)");
+    }
+    const auto v = parseWhole(value);
+    if (!v) usage("-D " + define + ": \"" + value + "\" is not a whole number");
+    scene.render[key] = *v;
+}
+
+// Output for one frame: name.0001.png when several frames are rendered.
+fs::path frameOutput(const fs::path& out, int frame, bool numbered) {
+    if (!numbered) return out;
+    char digits[16];
+    std::snprintf(digits, sizeof digits, ".%04d", frame);
+    fs::path p = out;
+    p.replace_filename(out.stem().string() + digits + out.extension().string());
+    return p;
+}
+
+// The temporary name the tracer writes beside target before renaming it.
+fs::path tracerTemporary(const fs::path& target) {
+    return target.parent_path() / ("." + target.stem().string() + ".tmp" +
+                                   std::to_string(getpid()) + target.extension().string());
+}
+
+// Fails with kExitOutput unless a file can be created beside out and out
+// itself, when present, can be replaced.
+void checkWritable(const fs::path& out) {
+    const fs::path dir = out.parent_path().empty() ? fs::path(".") : out.parent_path();
+    std::error_code ec;
+    if (!fs::is_directory(dir, ec))
+        throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
+    if (fs::is_directory(out, ec))
+        throw CliError(kExitOutput, out.string() + ": is a folder, not an image file");
+    const fs::path probe = dir / ("." + out.filename().string() + ".probe" + std::to_string(getpid()));
+    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (fd < 0) {
+        throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
+                                        std::strerror(errno));
+    }
+    ::close(fd);
+    ::unlink(probe.c_str());
+}
+
+void checkExtension(const fs::path& out) {
+    std::string ext = out.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (ext != ".png" && ext != ".jpg" && ext != ".jpeg" && ext != ".exr")
+        usage("-o " + out.string() + ": unsupported image format \"" + ext + "\" (use .png, .jpg or .exr)");
+}
+
+// Progress on stderr: a bar redrawn in place on a terminal, a line per
+// tenth otherwise. Called from the tracer's worker threads.
+class Progress {
+public:
+    Progress(bool quiet, bool terminal) : quiet_(quiet), terminal_(terminal) {}
+
+    void startFrame(const std::string& label) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        label_ = label;
+        lastShown_ = -1;
+    }
+    void update(int done, int total) {
+        if (gInterrupted) throw Interrupted{};
+        if (quiet_ || total <= 0) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        const int percent = done * 100 / total;
+        if (terminal_) {
+            if (percent == lastShown_) return;
+            constexpr int kWidth = 40;
+            const int filled = percent * kWidth / 100;
+            std::cerr << "\r" << label_ << " [" << std::string(size_t(filled), '#')
+                      << std::string(size_t(kWidth - filled), ' ') << "] " << percent << "%"
+                      << std::flush;
+        } else {
+            if (percent / 10 == lastShown_ / 10 && lastShown_ >= 0) return;
+            std::cerr << label_ << ": " << percent / 10 * 10 << "%\n";
+        }
+        lastShown_ = percent;
+    }
+    void endFrame() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!quiet_ && terminal_ && lastShown_ >= 0) std::cerr << "\n";
+    }
+
+private:
+    std::mutex mutex_;
+    bool quiet_, terminal_;
+    std::string label_;
+    int lastShown_ = -1;
+};
+
+// A debug pass shown as colour. PNG and JPEG store sRGB, so the values are
+// taken back to linear here to land in the file as they are computed.
+void showPass(mq::tracer::Image& img, const std::string& pass) {
+    auto linear = [](float s) {
+        return s <= 0.04045f ? s / 12.92f : std::pow((s + 0.055f) / 1.055f, 2.4f);
+    };
+    const size_t n = size_t(img.width) * img.height;
+    float maxDepth = 0.0f;
+    for (float d : img.depth) maxDepth = std::max(maxDepth, d);
+    for (size_t i = 0; i < n; ++i) {
+        float c[3] = {0, 0, 0};
+        const bool hit = img.objectId[i] > 0.0f;
+        if (pass == "normal" && hit) {
+            for (int a = 0; a < 3; ++a) c[a] = 0.5f + 0.5f * img.normal[3 * i + a];
+        } else if (pass == "depth" && hit && maxDepth > 0.0f) {
+            c[0] = c[1] = c[2] = 1.0f - 0.9f * img.depth[i] / maxDepth;  // near is bright
+        } else if (pass == "objectid" && hit) {
+            // A fixed colour per id: golden-ratio hues.
+            uint32_t h = uint32_t(img.objectId[i]) * 2654435761u;
+            for (int a = 0; a < 3; ++a, h >>= 8) c[a] = 0.25f + 0.75f * float(h & 0xff) / 255.0f;
+        }
+        for (int a = 0; a < 3; ++a) img.rgba[4 * i + a] = linear(c[a]);
+        img.rgba[4 * i + 3] = hit ? 1.0f : 0.0f;
+    }
+}
+
+// Mosaiq nodes among the renderables, by the object id the tracer gives
+// them (1 + index among renderable nodes, in scene order).
+std::vector<std::pair<int, std::string>> mosaiqObjectIds(mq::Scene& scene) {
+    std::vector<std::pair<int, std::string>> out;
+    int id = 0;
+    for (mq::Node* n : scene.allNodes()) {
+        if (!n->Renderable()) continue;
+        ++id;
+        mq::Object* obj = n->GetObjectRef();
+        if (obj && obj->GetClassName() == "Mosaiq") out.emplace_back(id, n->GetName());
+    }
+    return out;
+}
+
+// Why a Mosaiq node drew nothing. Hook: the render instance does not report
+// its reason yet (no pattern, no surface, a failed capture or mapping); ask
+// it here once it does.
+std::string emptyReason(mq::Scene&, const std::string&) {
+    return "no pixel shows it; the render instance gave no reason";
+}
+
+struct SignalGuard {
+    struct sigaction oldInt {}, oldTerm {};
+    SignalGuard() {
+        gInterrupted = 0;
+        struct sigaction sa {};
+        sa.sa_handler = onInterrupt;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGINT, &sa, &oldInt);
+        sigaction(SIGTERM, &sa, &oldTerm);
+    }
+    ~SignalGuard() {
+        sigaction(SIGINT, &oldInt, nullptr);
+        sigaction(SIGTERM, &oldTerm, nullptr);
+    }
+};
+
+}  // namespace
+
+int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
+    if (!opt.pass.empty() && opt.pass != "normal" && opt.pass != "depth" && opt.pass != "objectid")
+        usage("--pass: expected normal, depth or objectid, found \"" + opt.pass + "\"");
+    SignalGuard signals;
+    const auto started = std::chrono::steady_clock::now();
+
+    if (opt.scene.empty()) {
+        buildDemoScene(ip);
+    } else {
+        std::error_code ec;
+        if (!fs::exists(opt.scene, ec))
+            throw CliError(kExitInput, opt.scene.string() + ": no such scene file");
+        loadSceneOrFail(ip, opt.scene);
+    }
+    mq::Scene& scene = ip.scene();
+    for (const std::string& d : opt.defines) applyDefine(scene, d);
+
+    mq::tracer::RenderSettings settings;
+    try {
+        settings = mq::tracer::RenderSettings::fromJson(scene.render);
+    } catch (const mq::tracer::RenderError& e) {
+        throw CliError(opt.defines.empty() ? kExitInput : kExitUsage,
+                       (opt.scene.empty() ? std::string("demo scene") : opt.scene.string()) +
+                           ": " + e.what());
+    }
+    if (!opt.resolution.empty()) std::tie(settings.width, settings.height) = parseResolution(opt.resolution);
+    if (opt.spp > 0) settings.samplesPerPixel = opt.spp;
+    if (opt.threads >= 0) settings.threads = opt.threads;
+    if (opt.seed >= 0) settings.seed = uint32_t(opt.seed);
+    if (!opt.crop.empty()) settings.crop = parseCrop(opt.crop, settings.width, settings.height);
+    const auto [firstFrame, lastFrame] = opt.frames.empty() ? std::pair{0, 0} : parseFrames(opt.frames);
+
+    // Every output is checked before any rendering starts.
+    fs::path out = opt.output;
+    if (out.empty()) out = opt.scene.empty() ? fs::path("mosaiq-demo.png")
+                                             : fs::path(opt.scene.stem().string() + ".png");
+    checkExtension(out);
+    const bool numbered = lastFrame > firstFrame;
+    for (int f = firstFrame; f <= lastFrame; ++f) checkWritable(frameOutput(out, f, numbered));
+
+    Progress progress(opt.quiet, ::isatty(STDERR_FILENO) == 1);
+    const auto mosaiqIds = mosaiqObjectIds(scene);
+    fs::path writing;  // the output being written, for cleanup on an interrupt
+    try {
+        mq::tracer::Renderer renderer(scene, settings);
+        renderer.setWarningSink([](const std::string& w) { printWarning(w); });
+        renderer.setProgress([&](int done, int total) { progress.update(done, total); });
+        if (!opt.quiet) {
+            std::cerr << "rendering " << (opt.scene.empty() ? "the demo scene" : opt.scene.string())
+                      << ": " << settings.width << "x" << settings.height << ", "
+                      << settings.samplesPerPixel << " spp\n";
+        }
+        for (int f = firstFrame; f <= lastFrame; ++f) {
+            progress.startFrame("frame " + std::to_string(f));
+            mq::tracer::Image img;
+            try {
+                img = renderer.renderFrame(f);
+            } catch (const mq::tracer::RenderError& e) {
+                progress.endFrame();
+                throw CliError(kExitRender, "frame " + std::to_string(f) + ": " + e.what());
+            }
+            progress.endFrame();
+            if (gInterrupted) throw Interrupted{};
+
+            for (const auto& [id, name] : mosaiqIds) {
+                if (std::find(img.objectId.begin(), img.objectId.end(), float(id)) == img.objectId.end())
+                    printWarning(name + ": frame " + std::to_string(f) + " renders nothing: " +
+                                 emptyReason(scene, name));
+            }
+            if (!opt.pass.empty()) showPass(img, opt.pass);
+
+            writing = frameOutput(out, f, numbered);
+            try {
+                mq::tracer::writeImage(writing, img,
+                                       {{"Software", "mosaiq " MOSAIQ_VERSION},
+                                        {"mosaiq:frame", std::to_string(f)}});
+            } catch (const mq::tracer::RenderError& e) {
+                throw CliError(kExitOutput, e.what());
+            }
+            if (!opt.quiet) std::cout << "wrote " << writing.string() << "\n";
+            writing.clear();
+            if (gInterrupted) throw Interrupted{};
+        }
+        renderer.renderEnd();
+    } catch (const Interrupted&) {
+        // The tracer writes to a temporary and renames; remove the temporary
+        // in case the signal came while it was being written.
+        if (!writing.empty()) {
+            std::error_code ec;
+            fs::remove(tracerTemporary(writing), ec);
+        }
+        std::cerr << "\nmosaiq: interrupted; no image written for the unfinished frame\n";
+        return kExitInterrupted;
+    } catch (const mq::tracer::RenderError& e) {
+        throw CliError(kExitRender, e.what());
+    }
+    if (!opt.quiet) {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        std::cerr << "done in " << std::fixed << std::setprecision(1) << seconds << " s\n";
+    }
+    return kExitOk;
+}
+
+}  // namespace mosaiq::cli

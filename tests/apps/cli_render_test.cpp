@@ -1,0 +1,234 @@
+// mosaiq render, run as a user runs it from the repository root: image size,
+// crops, frame ranges, -D overrides, output checks before rendering, exit
+// codes, determinism and Ctrl-C.
+#include <gtest/gtest.h>
+
+#include <OpenImageIO/imageio.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Result {
+    int code = -1;
+    std::string out, err;
+};
+
+struct Picture {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgba;
+    const uint8_t* at(int x, int y) const { return &rgba[4 * (size_t(y) * width + x)]; }
+};
+
+std::string readText(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+Picture readPng(const fs::path& file) {
+    Picture p;
+    auto in = OIIO::ImageInput::open(file.string());
+    if (!in) {
+        ADD_FAILURE() << "cannot read " << file;
+        return p;
+    }
+    const OIIO::ImageSpec& spec = in->spec();
+    p.width = spec.width;
+    p.height = spec.height;
+    EXPECT_EQ(spec.nchannels, 4);
+    p.rgba.resize(size_t(p.width) * p.height * 4);
+    EXPECT_TRUE(in->read_image(0, 0, 0, 4, OIIO::TypeDesc::UINT8, p.rgba.data()));
+    return p;
+}
+
+class RenderCli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string tmpl = (fs::temp_directory_path() / "mosaiq-render-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+
+    fs::path path(const std::string& name) const { return dir_ / name; }
+
+    // Starts the real binary in the repository root, output to files.
+    pid_t start(const std::vector<std::string>& args) {
+        const std::string bin = MOSAIQ_BIN_DIR "/mosaiq";
+        const std::string outFile = (dir_ / ".stdout").string(), errFile = (dir_ / ".stderr").string();
+        std::vector<std::string> all = {bin};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& a : all) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addchdir_np(&actions, MOSAIQ_SOURCE_DIR);
+        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid = 0;
+        const int spawned = posix_spawn(&pid, bin.c_str(), &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (spawned != 0) ADD_FAILURE() << "cannot run " << bin;
+        return spawned == 0 ? pid : -1;
+    }
+    Result finish(pid_t pid) {
+        Result r;
+        if (pid < 0) return r;
+        int status = 0;
+        waitpid(pid, &status, 0);
+        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        r.out = readText(dir_ / ".stdout");
+        r.err = readText(dir_ / ".stderr");
+        return r;
+    }
+    Result mosaiq(const std::vector<std::string>& args) { return finish(start(args)); }
+
+    // A tiny render of the pavers example, plus extra arguments.
+    Result tiny(const fs::path& out, std::vector<std::string> extra = {}) {
+        std::vector<std::string> args = {"render", "examples/pavers-plane.mosaiq", "-o", out.string(),
+                                         "--resolution", "48x32", "--spp", "2", "-t", "2", "-q"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return mosaiq(args);
+    }
+
+    // Files in the test folder other than the captured output.
+    std::vector<std::string> files() const {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(dir_)) {
+            const std::string n = e.path().filename().string();
+            if (n != ".stdout" && n != ".stderr") names.push_back(n);
+        }
+        return names;
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(RenderCli, TinyRenderHasTheRequestedSizeAndIsDeterministic) {
+    const Result r = tiny(path("a.png"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    const Picture a = readPng(path("a.png"));
+    EXPECT_EQ(a.width, 48);
+    EXPECT_EQ(a.height, 32);
+    int covered = 0;
+    for (size_t i = 3; i < a.rgba.size(); i += 4) covered += a.rgba[i] > 0;
+    EXPECT_GT(covered, 48 * 32 / 2) << "the plane should fill most of the view";
+    // Same scene and settings on one machine: the same bytes.
+    ASSERT_EQ(tiny(path("b.png")).code, 0);
+    EXPECT_EQ(readText(path("a.png")), readText(path("b.png")));
+    EXPECT_EQ(files().size(), 2u) << "no temporary files are left";
+}
+
+TEST_F(RenderCli, CropEqualsTheSameRegionOfTheFullImage) {
+    ASSERT_EQ(tiny(path("full.png")).code, 0);
+    const Result r = tiny(path("crop.png"), {"--crop", "8,40,4,28"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    const Picture full = readPng(path("full.png")), crop = readPng(path("crop.png"));
+    ASSERT_EQ(crop.width, 48);
+    ASSERT_EQ(crop.height, 32);
+    int differing = 0, outside = 0;
+    for (int y = 0; y < 32; ++y) {
+        for (int x = 0; x < 48; ++x) {
+            const bool in = x >= 8 && x < 40 && y >= 4 && y < 28;
+            if (!in) {
+                outside += crop.at(x, y)[3] != 0;
+                continue;
+            }
+            for (int c = 0; c < 4; ++c) differing += std::abs(int(full.at(x, y)[c]) - int(crop.at(x, y)[c])) > 2;
+        }
+    }
+    EXPECT_LE(differing, 32 * 24 * 4 / 100);
+    EXPECT_EQ(outside, 0);
+    EXPECT_EQ(tiny(path("bad.png"), {"--crop", "40,8,0,10"}).code, 2);
+    EXPECT_EQ(tiny(path("bad.png"), {"--crop", "0,49,0,10"}).code, 2);
+}
+
+TEST_F(RenderCli, OutputCheckedBeforeRendering) {
+    // A missing folder, and a folder where the image should go.
+    const Result missing = tiny(path("no-such-folder/out.png"));
+    EXPECT_EQ(missing.code, 4) << missing.err;
+    EXPECT_NE(missing.err.find("no-such-folder"), std::string::npos) << missing.err;
+    fs::create_directory(path("taken.png"));
+    const Result folder = tiny(path("taken.png"));
+    EXPECT_EQ(folder.code, 4) << folder.err;
+    EXPECT_EQ(files(), std::vector<std::string>{"taken.png"});
+    EXPECT_TRUE(fs::is_empty(path("taken.png")));
+    // One bad frame name stops the whole range before any frame is rendered.
+    EXPECT_EQ(tiny(path("x.tiff")).code, 2);
+}
+
+TEST_F(RenderCli, InputErrorsExit3) {
+    const Result r = mosaiq({"render", path("missing.mosaiq").string(), "-o", path("o.png").string()});
+    EXPECT_EQ(r.code, 3);
+    EXPECT_NE(r.err.find("missing.mosaiq"), std::string::npos) << r.err;
+    std::ofstream(path("broken.mosaiq")) << "{ not json";
+    EXPECT_EQ(mosaiq({"render", path("broken.mosaiq").string(), "-o", path("o.png").string()}).code, 3);
+    EXPECT_TRUE(files().size() == 1u) << "only the broken scene";
+}
+
+TEST_F(RenderCli, FrameRangeWritesNumberedFiles) {
+    const Result r = tiny(path("seq.png"), {"--frames", "1-2"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(fs::exists(path("seq.0001.png")));
+    EXPECT_TRUE(fs::exists(path("seq.0002.png")));
+    EXPECT_FALSE(fs::exists(path("seq.png")));
+    EXPECT_EQ(readPng(path("seq.0002.png")).width, 48);
+    EXPECT_EQ(tiny(path("seq.png"), {"--frames", "3-1"}).code, 2);
+}
+
+TEST_F(RenderCli, DefinesOverrideSettingsAndParameters) {
+    // Render settings: -D sets the size, --resolution wins over it.
+    ASSERT_EQ(mosaiq({"render", "examples/pavers-plane.mosaiq", "-o", path("d.png").string(), "-D",
+                      "width=20", "-D", "height=10", "--spp", "1", "-q"}).code, 0);
+    EXPECT_EQ(readPng(path("d.png")).width, 20);
+    EXPECT_EQ(readPng(path("d.png")).height, 10);
+    // A node parameter changes the picture: the surface's material swapped.
+    ASSERT_EQ(tiny(path("plain.png")).code, 0);
+    ASSERT_EQ(tiny(path("changed.png"), {"-D", "Surface.material=ground", "-D", "Mosaiq_pavers.Pattern_On=0"}).code, 0);
+    EXPECT_NE(readText(path("plain.png")), readText(path("changed.png")));
+    // Bad keys are usage errors that name what is wrong.
+    const Result badKey = tiny(path("e.png"), {"-D", "bogus=1"});
+    EXPECT_EQ(badKey.code, 2);
+    EXPECT_NE(badKey.err.find("bogus"), std::string::npos) << badKey.err;
+    const Result badNode = tiny(path("e.png"), {"-D", "Nobody.Tiling=1,1"});
+    EXPECT_EQ(badNode.code, 2);
+    EXPECT_NE(badNode.err.find("Nobody"), std::string::npos) << badNode.err;
+    const Result badValue = tiny(path("e.png"), {"-D", "Mosaiq_pavers.Tiling=a,b"});
+    EXPECT_EQ(badValue.code, 2) << badValue.err;
+    EXPECT_FALSE(fs::exists(path("e.png")));
+}
+
+TEST_F(RenderCli, InterruptLeavesNoFile) {
+    // The demo at many samples runs long enough to be stopped midway.
+    const pid_t pid = start({"render", "-o", path("demo.png").string(), "--resolution", "320x240",
+                             "--spp", "4096", "-t", "1"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ::kill(pid, SIGINT);
+    const Result r = finish(pid);
+    EXPECT_EQ(r.code, 130) << r.err;
+    EXPECT_TRUE(files().empty()) << "left behind: " << (files().empty() ? "" : files().front());
+}
+
+}  // namespace
