@@ -4,20 +4,14 @@
 #include "engine/primitive.h"
 
 #include "engine/segment_walk.h"
-#include "engine/tile.h"
+#include "support/test_util.h"
+#include "support/tile_test_util.h"
 
-#include <gtest/gtest.h>
-
-#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <memory>
 #include <new>
-#include <optional>
-#include <random>
-#include <vector>
 
 // Counts allocations made on a thread while it has counting switched on.
 namespace {
@@ -41,55 +35,22 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 namespace mq {
 namespace {
 
-using Triangle = std::array<Point3, 3>;
-
-// A tile whose faces are given in tile space; normals per face corner, or
-// computed flat when none are given.
-std::unique_ptr<PatternTile> makeTile(const std::vector<Triangle>& tris, const Point3& crop,
-                                      int segU, int segV,
-                                      const std::vector<Triangle>& normals = {}) {
-    Mesh mesh;
-    mesh.setNumVerts(int(tris.size()) * 3);
-    mesh.setNumFaces(int(tris.size()));
-    std::vector<Point3> normalPool;
-    std::vector<std::array<int, 3>> normalFaces;
-    for (size_t f = 0; f < tris.size(); ++f) {
-        for (int c = 0; c < 3; ++c) {
-            mesh.setVert(int(f * 3 + c), tris[f][c]);
-            mesh.faces[f].v[c] = uint32_t(f * 3 + c);
-            if (!normals.empty()) normalPool.push_back(normals[f][c]);
-        }
-        normalFaces.push_back({int(f * 3), int(f * 3 + 1), int(f * 3 + 2)});
-    }
-    if (!normals.empty()) {
-        mesh.SpecifyNormals();
-        mesh.GetSpecifiedNormals()->SetNormals(normalPool, normalFaces);
-    }
-    auto tile = std::make_unique<PatternTile>();
-    tile->build(mesh, TransMatrix(crop * -0.5f), crop, segU, segV);
-    return tile;
-}
-
-void addFloor(std::vector<Triangle>& tris, float x0, float y0, float x1, float y1, float z) {
-    tris.push_back({Point3(x0, y0, z), Point3(x1, y0, z), Point3(x1, y1, z)});
-    tris.push_back({Point3(x0, y0, z), Point3(x1, y1, z), Point3(x0, y1, z)});
-}
+using test::addFloor;
+using test::expectNear;
+using test::makeTile;
+using test::Triangle;
 
 const Point3 kUnit[4] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+const Point3 kUp(0, 0, 1);
+const Point3 kUps[4] = {kUp, kUp, kUp, kUp};
+// Tile corners of a piece reaching over several cells.
+const Point3 kWideCorners[4] = {{-3, -4, 0}, {17, -2, 0}, {2, 15, 0}, {4, 3, 10}};
 
 WorldRay makeRay(const Point3& origin, const Point3& direction) {
     WorldRay ray;
-    ray.origin[0] = origin.x;
-    ray.origin[1] = origin.y;
-    ray.origin[2] = origin.z;
+    for (int k = 0; k < 3; ++k) ray.origin[k] = origin[k];
     ray.direction = direction;
     return ray;
-}
-
-void expectNear(const Point3& a, const Point3& b, float tolerance) {
-    EXPECT_NEAR(a.x, b.x, tolerance);
-    EXPECT_NEAR(a.y, b.y, tolerance);
-    EXPECT_NEAR(a.z, b.z, tolerance);
 }
 
 // A non-uniform, sheared, rotated and moved affine map (det > 0).
@@ -97,6 +58,14 @@ Matrix3 skewMap() {
     Matrix3 m(Point3(0.5f, 0.1f, 0.0f), Point3(0.2f, 0.7f, 0.1f), Point3(0.0f, 0.3f, 0.9f),
               Point3(0, 0, 0));
     return m * RotateZMatrix(0.9f) * RotateXMatrix(0.3f) * TransMatrix(Point3(12, -5, 3.5f));
+}
+
+// Sets prim up over tile corners tc whose world corners w are tc mapped by skewMap().
+bool initSkewed(MosaiqPrimitive& prim, const PatternTile* tile, const Point3 tc[4], Point3 w[4],
+                int32_t seed, const Point3 dirs[4] = kUps) {
+    for (int i = 0; i < 4; ++i) w[i] = tc[i] * skewMap();
+    prim.tile = tile;
+    return prim.init(w, tc, dirs, kUp, seed);
 }
 
 // ---------------------------------------------------------------------------
@@ -112,21 +81,24 @@ protected:
         tris.push_back({Point3(5, 0, 0), Point3(5, 10, 0), Point3(5, 10, 10)});
         tris.push_back({Point3(5, 0, 0), Point3(5, 10, 10), Point3(5, 0, 10)});
         tile = makeTile(tris, Point3(10, 10, 10), 1, 1);
-        ASSERT_TRUE(initPiece(prim, Point3(0, 0, 1)));
+        ASSERT_TRUE(initPiece(prim, kUps));
         ASSERT_TRUE(prim.worldToTile.IsIdentity());
-    }
-    bool initPiece(MosaiqPrimitive& piece, const Point3& surfaceNormal) {
-        const Point3 dirs[4] = {surfaceNormal, surfaceNormal, surfaceNormal, surfaceNormal};
-        return initPiece(piece, dirs);
     }
     bool initPiece(MosaiqPrimitive& piece, const Point3 dirs[4]) {
         Point3 corners[4];
         for (int i = 0; i < 4; ++i) corners[i] = kUnit[i] * 10.0f;
         piece.tile = tile.get();
-        return piece.init(corners, corners, dirs, Point3(0, 0, 1), 0);
+        return piece.init(corners, corners, dirs, kUp, 0);
     }
-    uint32_t ownerKeyOf(const MosaiqPrimitive& piece) const {
+    static uint32_t ownerKeyOf(const MosaiqPrimitive& piece) {
         return uint32_t(reinterpret_cast<uintptr_t>(&piece));
+    }
+    // The floor straight below (2, 1, 9), hit at distance 4 on face 0.
+    TileHit floorHit() {
+        WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
+        TileHit hit;
+        EXPECT_TRUE(prim.intersect(ray, hit));
+        return hit;
     }
 
     std::unique_ptr<PatternTile> tile;
@@ -147,47 +119,59 @@ TEST_F(PrimitiveUnitPiece, HitWritesTheRayAndTheRecord) {
     EXPECT_NEAR(hit.beta, 0.1f, 1e-6f);
     EXPECT_NEAR(hit.gamma, 0.1f, 1e-6f);
     expectNear(hit.shadingPoint, Point3(0.2f, 0.1f, 0.5f), 1e-6f);
-}
 
-TEST_F(PrimitiveUnitPiece, MissLeavesRayAndRecordUntouched) {
-    WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
+    // A miss leaves ray and record untouched.
+    ray = makeRay({2, 1, 9}, {0, 0, -1});
     ray.bestDistance = 3.9;
-    TileHit hit;
     hit.faceIndex = 42;
     EXPECT_FALSE(prim.intersect(ray, hit));
     EXPECT_EQ(ray.bestDistance, 3.9);
     EXPECT_EQ(ray.hitPrimitive, nullptr);
     EXPECT_EQ(ray.hitKey, -1);
     EXPECT_EQ(hit.faceIndex, 42);
-    // The wall is in tile space ahead of this ray, but only beyond the piece.
-    WorldRay sideways = makeRay({0.5f, 3, 4}, {1, 0, 0});
-    EXPECT_FALSE(prim.intersect(sideways, hit));
-    WorldRay lower = makeRay({0.5f, 3, 1}, {1, 0, 0});
-    EXPECT_TRUE(prim.intersect(lower, hit));
 }
 
-TEST_F(PrimitiveUnitPiece, HitsExactlyAtTheEndsOfTheRange) {
-    const Point3 origin(2, 1, 9), down(0, 0, -1);
-    TileHit hit;
-    WorldRay atStart = makeRay(origin, down);
-    atStart.tMin = 4.0f;
-    ASSERT_TRUE(prim.intersect(atStart, hit));
-    EXPECT_EQ(atStart.bestDistance, 4.0);
-    atStart = makeRay(origin, down);
-    atStart.tMin = std::nextafter(4.0f, 5.0f);
-    EXPECT_FALSE(prim.intersect(atStart, hit));
-
-    WorldRay atEnd = makeRay(origin, down);
-    atEnd.tMax = 4.0f;
-    ASSERT_TRUE(prim.intersect(atEnd, hit));
-    atEnd = makeRay(origin, down);
-    atEnd.tMax = std::nextafter(4.0f, 0.0f);
-    EXPECT_FALSE(prim.intersect(atEnd, hit));
-
-    // A hit at the current best distance still counts.
-    WorldRay again = makeRay(origin, down);
-    again.bestDistance = 4.0;
-    EXPECT_TRUE(prim.intersect(again, hit));
+TEST_F(PrimitiveUnitPiece, RangeEndsSidePlanesAndBadDirections) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const struct {
+        const char* what;
+        Point3 origin, direction;
+        float tMin = 0.0f, tMax = 1e30f;
+        double best = 1e30;
+        double distance = -1;  // of the hit; -1 for a miss
+        int face = -1;
+    } cases[] = {
+        {"hit exactly at tMin", {2, 1, 9}, {0, 0, -1}, 4.0f, 1e30f, 1e30, 4.0, 0},
+        {"tMin just past the hit", {2, 1, 9}, {0, 0, -1}, std::nextafter(4.0f, 5.0f)},
+        {"hit exactly at tMax", {2, 1, 9}, {0, 0, -1}, 0.0f, 4.0f, 1e30, 4.0, 0},
+        {"tMax just short of the hit", {2, 1, 9}, {0, 0, -1}, 0.0f, std::nextafter(4.0f, 0.0f)},
+        {"hit at the best distance", {2, 1, 9}, {0, 0, -1}, 0.0f, 1e30f, 4.0, 4.0, 0},
+        // The wall is in tile space ahead of these rays, but only within
+        // the piece for the lower one.
+        {"wall beyond the piece", {0.5f, 3, 4}, {1, 0, 0}},
+        {"wall inside the piece", {0.5f, 3, 1}, {1, 0, 0}, 0.0f, 1e30f, 1e30, 4.5, 2},
+        // Parallel to side face 0 (x + y + z = 10): outside it the floor
+        // point crossed, (4, 3, 5), lies outside the piece; inside it is hit.
+        {"parallel, outside", {1, 3, 8}, {1, 0, -1}},
+        {"parallel, inside", {0.5f, 1, 7}, {1, 0, -1}, 0.0f, 1e30f, 1e30, 2.0, 0},
+        // Exactly on side face 3 (z = 0) the wall's bottom edge is hit; just below, nothing.
+        {"on a side plane", {1, 2, 0}, {1, 0, 0}, 0.0f, 1e30f, 1e30, 4.0, 2},
+        {"just below a side plane", {1, 2, -1e-6f}, {1, 0, 0}},
+        {"zero direction", {2, 1, 5}, {0, 0, 0}},
+        {"NaN direction", {2, 1, 9}, {0, nan, -1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        WorldRay ray = makeRay(c.origin, c.direction);
+        ray.tMin = c.tMin;
+        ray.tMax = c.tMax;
+        ray.bestDistance = c.best;
+        TileHit hit;
+        ASSERT_EQ(prim.intersect(ray, hit), c.distance >= 0);
+        if (c.distance < 0) continue;
+        EXPECT_EQ(ray.bestDistance, c.distance);
+        EXPECT_EQ(hit.faceIndex, c.face);
+    }
 }
 
 TEST_F(PrimitiveUnitPiece, RayLeavingAFacePassesThroughIt) {
@@ -197,69 +181,27 @@ TEST_F(PrimitiveUnitPiece, RayLeavingAFacePassesThroughIt) {
     TileHit hit;
     ASSERT_TRUE(prim.intersect(plain, hit));
     EXPECT_EQ(plain.bestDistance, 0.0);
-    const int64_t leftFace = plain.hitKey;
 
     WorldRay leaving = makeRay(onFloor, {0, 0, -1});
-    leaving.skipKey = leftFace;
+    leaving.skipKey = plain.hitKey;
     EXPECT_FALSE(prim.intersect(leaving, hit));
 
     // The key names the face as seen through one piece only.
     MosaiqPrimitive other = prim;
     WorldRay throughOther = makeRay(onFloor, {0, 0, -1});
-    throughOther.skipKey = leftFace;
+    throughOther.skipKey = plain.hitKey;
     ASSERT_TRUE(other.intersect(throughOther, hit));
     EXPECT_EQ(throughOther.hitKey, faceKeyOf(ownerKeyOf(other), 0));
 }
 
-TEST_F(PrimitiveUnitPiece, RayParallelToASidePlane) {
-    TileHit hit;
-    // Parallel to face 0 (x + y + z = 10) and outside it: the floor point it
-    // crosses, (4, 3, 5), lies outside the piece.
-    WorldRay outside = makeRay({1, 3, 8}, {1, 0, -1});
-    EXPECT_FALSE(prim.intersect(outside, hit));
-    // Inside that plane, the same direction finds the floor.
-    WorldRay inside = makeRay({0.5f, 1, 7}, {1, 0, -1});
-    ASSERT_TRUE(prim.intersect(inside, hit));
-    EXPECT_EQ(inside.bestDistance, 2.0);
-    // Exactly on face 3 (z = 0): kept, and the wall's bottom edge is hit.
-    WorldRay onPlane = makeRay({1, 2, 0}, {1, 0, 0});
-    ASSERT_TRUE(prim.intersect(onPlane, hit));
-    EXPECT_EQ(hit.faceIndex, 2);
-    EXPECT_EQ(onPlane.bestDistance, 4.0);
-    // Just below it: outside.
-    WorldRay below = makeRay({1, 2, -1e-6f}, {1, 0, 0});
-    EXPECT_FALSE(prim.intersect(below, hit));
-}
-
-TEST_F(PrimitiveUnitPiece, ZeroOrNonFiniteDirectionMisses) {
-    TileHit hit;
-    WorldRay still = makeRay({2, 1, 5}, {0, 0, 0});
-    EXPECT_FALSE(prim.intersect(still, hit));
-    WorldRay nan = makeRay({2, 1, 9}, {0, std::numeric_limits<float>::quiet_NaN(), -1});
-    EXPECT_FALSE(prim.intersect(nan, hit));
-}
-
-TEST_F(PrimitiveUnitPiece, ShadingNormalIsNotBentWhenSurfaceNormalIsUpOrOpposite) {
-    WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
-    TileHit hit;
-    ASSERT_TRUE(prim.intersect(ray, hit));
-    expectNear(prim.shadingNormal(hit), Point3(0, 0, 1), 1e-6f);
-
+TEST_F(PrimitiveUnitPiece, ShadingNormalIgnoresUpAndDownAndBlendsCornerNormals) {
+    const TileHit hit = floorHit();
+    // Surface normal up or straight down: not bent.
+    expectNear(prim.shadingNormal(hit), kUp, 1e-6f);
+    const Point3 down[4] = {{0, 0, -3}, {0, 0, -3}, {0, 0, -3}, {0, 0, -3}};
     MosaiqPrimitive flipped;
-    ASSERT_TRUE(initPiece(flipped, Point3(0, 0, -3)));
-    expectNear(flipped.shadingNormal(hit), Point3(0, 0, 1), 1e-6f);
-}
-
-TEST_F(PrimitiveUnitPiece, ShadingNormalTurnsWithTheSurfaceNormal) {
-    WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
-    TileHit hit;
-    ASSERT_TRUE(prim.intersect(ray, hit));
-    // The floor's normal is up, so it turns exactly onto the surface normal.
-    for (const Point3 n : {Point3(1, 0, 1), Point3(0, -1, 0), Point3(0.3f, 0.2f, -0.9f)}) {
-        MosaiqPrimitive bent;
-        ASSERT_TRUE(initPiece(bent, n));
-        expectNear(bent.shadingNormal(hit), Normalize(n), 1e-5f);
-    }
+    ASSERT_TRUE(initPiece(flipped, down));
+    expectNear(flipped.shadingNormal(hit), kUp, 1e-6f);
     // Corner normals blended by the shading point (0.2, 0.1, 0.5): weights
     // 0.2, 0.2, 0.1, 0.5 for corners 0..3.
     const Point3 dirs[4] = {{0, 0, 1}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
@@ -274,17 +216,13 @@ TEST(PrimitiveShading, BlendsPatternNormalsAndRotatesThem) {
     std::vector<Triangle> tris;
     addFloor(tris, 0, 0, 10, 10, 5);
     const std::vector<Triangle> normals = {{Point3(0, 0, 1), Point3(1, 0, 0), Point3(0, 1, 0)},
-                                           {Point3(0, 0, 1), Point3(0, 0, 1), Point3(0, 0, 1)}};
+                                           {kUp, kUp, kUp}};
     auto tile = makeTile(tris, Point3(10, 10, 10), 1, 1, normals);
-
-    Point3 tc[4], up[4];
-    for (int i = 0; i < 4; ++i) {
-        tc[i] = kUnit[i] * 10.0f;
-        up[i] = Point3(0, 0, 1);
-    }
+    Point3 tc[4];
+    for (int i = 0; i < 4; ++i) tc[i] = kUnit[i] * 10.0f;
     MosaiqPrimitive prim;
     prim.tile = tile.get();
-    ASSERT_TRUE(prim.init(kUnit, tc, up, Point3(0, 0, 1), 0));
+    ASSERT_TRUE(prim.init(kUnit, tc, kUps, kUp, 0));
     WorldRay ray = makeRay({0.3f, 0.1f, 0.9f}, {0, 0, -1});
     TileHit hit;
     ASSERT_TRUE(prim.intersect(ray, hit));
@@ -295,10 +233,10 @@ TEST(PrimitiveShading, BlendsPatternNormalsAndRotatesThem) {
 
     // Rodrigues: rotate about k = up x N by the angle from up to N.
     const Point3 n = Normalize(Point3(0.4f, -0.5f, 0.6f));
-    Point3 dirs[4] = {n, n, n, n};
+    const Point3 dirs[4] = {n, n, n, n};
     ASSERT_TRUE(prim.init(kUnit, tc, dirs, Point3(0, 0, 2), 0));
-    const Point3 k = Normalize(CrossProd(Point3(0, 0, 1), n));
-    const float c = n.z, s = Length(CrossProd(Point3(0, 0, 1), n));
+    const Point3 k = Normalize(CrossProd(kUp, n));
+    const float c = n.z, s = Length(CrossProd(kUp, n));
     const Point3 expected =
         pattern * c + CrossProd(k, pattern) * s + k * (DotProd(k, pattern) * (1 - c));
     expectNear(prim.shadingNormal(hit), expected, 1e-5f);
@@ -307,21 +245,16 @@ TEST(PrimitiveShading, BlendsPatternNormalsAndRotatesThem) {
 // ---------------------------------------------------------------------------
 
 TEST(PrimitiveInit, MatricesCarryCornersAndRoundTrip) {
-    const Point3 tc[4] = {{-3, -4, 0}, {17, -2, 0}, {2, 15, 0}, {4, 3, 10}};
     const Matrix3 map = skewMap();
-    Point3 w[4], dirs[4];
-    for (int i = 0; i < 4; ++i) {
-        w[i] = tc[i] * map;
-        dirs[i] = Point3(0, 0, 1);
-    }
+    Point3 w[4];
+    for (int i = 0; i < 4; ++i) w[i] = kWideCorners[i] * map;
     MosaiqPrimitive prim;
-    ASSERT_TRUE(prim.init(w, tc, dirs, Point3(0, 0, 5), 9));
+    ASSERT_TRUE(prim.init(w, kWideCorners, kUps, Point3(0, 0, 5), 9));
     EXPECT_EQ(prim.seed, 9);
-    expectNear(prim.upVector, Point3(0, 0, 1), 0);
-
+    EXPECT_EQ(prim.upVector, kUp);
     for (int i = 0; i < 4; ++i) {
-        expectNear(w[i] * prim.worldToTile, tc[i], 1e-4f);
-        expectNear(tc[i] * prim.tileToWorld, w[i], 1e-4f);
+        expectNear(w[i] * prim.worldToTile, kWideCorners[i], 1e-4f);
+        expectNear(kWideCorners[i] * prim.tileToWorld, w[i], 1e-4f);
         expectNear(w[i] * prim.shadingTM, kUnit[i], 1e-5f);
     }
     std::mt19937 rng(3);
@@ -345,16 +278,15 @@ TEST(PrimitiveInit, MatricesCarryCornersAndRoundTrip) {
 }
 
 TEST(PrimitiveInit, DropsInvertedAndDegeneratePieces) {
-    const Point3 dirs[4] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
     MosaiqPrimitive prim;
     // The other winding: a valid mapping, but the side normals point inwards.
     const Point3 swapped[4] = {kUnit[0], kUnit[2], kUnit[1], kUnit[3]};
-    EXPECT_FALSE(prim.init(swapped, swapped, dirs, dirs[0], 0));
+    EXPECT_FALSE(prim.init(swapped, swapped, kUps, kUp, 0));
     EXPECT_EQ(prim.corners[1], kUnit[2]);  // fields are still written
 
     const Point3 flatWorld[4] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}};
-    EXPECT_FALSE(prim.init(flatWorld, kUnit, dirs, dirs[0], 0));
-    EXPECT_FALSE(prim.init(kUnit, flatWorld, dirs, dirs[0], 0));
+    EXPECT_FALSE(prim.init(flatWorld, kUnit, kUps, kUp, 0));
+    EXPECT_FALSE(prim.init(kUnit, flatWorld, kUps, kUp, 0));
 
     // Tiny but sound pieces pass; the frames' determinants must reach 1e-30.
     Point3 small[4], tiny[4];
@@ -362,16 +294,15 @@ TEST(PrimitiveInit, DropsInvertedAndDegeneratePieces) {
         small[i] = kUnit[i] * 1e-9f;  // det 1e-27
         tiny[i] = kUnit[i] * 1e-11f;  // det 1e-33
     }
-    EXPECT_TRUE(prim.init(small, kUnit, dirs, dirs[0], 0));
-    EXPECT_TRUE(prim.init(kUnit, small, dirs, dirs[0], 0));
-    EXPECT_FALSE(prim.init(tiny, kUnit, dirs, dirs[0], 0));
-    EXPECT_FALSE(prim.init(kUnit, tiny, dirs, dirs[0], 0));
+    EXPECT_TRUE(prim.init(small, kUnit, kUps, kUp, 0));
+    EXPECT_TRUE(prim.init(kUnit, small, kUps, kUp, 0));
+    EXPECT_FALSE(prim.init(tiny, kUnit, kUps, kUp, 0));
+    EXPECT_FALSE(prim.init(kUnit, tiny, kUps, kUp, 0));
 }
 
 TEST(PrimitiveBoxes, BoundingBoxAndSplits) {
     MosaiqPrimitive prim;
-    const Point3 dirs[4] = {{0, 0, 1}, {0, 0, 1}, {0, 0, 1}, {0, 0, 1}};
-    ASSERT_TRUE(prim.init(kUnit, kUnit, dirs, dirs[0], 0));
+    ASSERT_TRUE(prim.init(kUnit, kUnit, kUps, kUp, 0));
     const Box3 full = prim.boundingBox();
     EXPECT_EQ(full.pmin, Point3(0, 0, 0));
     EXPECT_EQ(full.pmax, Point3(1, 1, 1));
@@ -381,20 +312,17 @@ TEST(PrimitiveBoxes, BoundingBoxAndSplits) {
     // No corner strictly below: an empty lower box (corners on the plane count as upper).
     for (float position : {0.0f, -2.0f}) {
         prim.splitBox(0, position, lower, upper);
-        EXPECT_EQ(lower.pmin, emptyMin);
-        EXPECT_EQ(lower.pmax, emptyMax);
-        EXPECT_EQ(upper.pmin, full.pmin);
-        EXPECT_EQ(upper.pmax, full.pmax);
+        EXPECT_TRUE(lower.pmin == emptyMin && lower.pmax == emptyMax);
+        EXPECT_TRUE(upper.pmin == full.pmin && upper.pmax == full.pmax);
     }
     prim.splitBox(2, 1.5f, lower, upper);
-    EXPECT_EQ(lower.pmin, full.pmin);
-    EXPECT_EQ(lower.pmax, full.pmax);
+    EXPECT_TRUE(lower.pmin == full.pmin && lower.pmax == full.pmax);
     EXPECT_EQ(upper.pmin, emptyMin);
 
     // At x = 0.25 the edges from corner 1 cross at (0.25, 0, 0),
     // (0.25, 0.75, 0) and (0.25, 0, 0.75), which bound the upper part.
     prim.splitBox(0, 0.25f, lower, upper);
-    expectNear(lower.pmin, Point3(0, 0, 0), 0);
+    EXPECT_EQ(lower.pmin, Point3(0, 0, 0));
     expectNear(lower.pmax, Point3(0.25f, 1, 1), 1e-7f);
     expectNear(upper.pmin, Point3(0.25f, 0, 0), 1e-7f);
     expectNear(upper.pmax, Point3(1, 0.75f, 0.75f), 1e-7f);
@@ -441,13 +369,11 @@ Reference explicitMeshHit(const PatternTile& tile, const Matrix3& tileToWorld, c
     const Point3 size = tile.segmentSize;
     Box3 bounds;
     for (int i = 0; i < 4; ++i) bounds += tc[i];
-    const int cu0 = int(std::floor(bounds.pmin.x / size.x)) - 1;
-    const int cu1 = int(std::floor(bounds.pmax.x / size.x)) + 1;
-    const int cv0 = int(std::floor(bounds.pmin.y / size.y)) - 1;
-    const int cv1 = int(std::floor(bounds.pmax.y / size.y)) + 1;
     Reference best;
-    for (int cu = cu0; cu <= cu1; ++cu) {
-        for (int cv = cv0; cv <= cv1; ++cv) {
+    for (int cu = int(std::floor(bounds.pmin.x / size.x)) - 1;
+         cu <= int(std::floor(bounds.pmax.x / size.x)) + 1; ++cu) {
+        for (int cv = int(std::floor(bounds.pmin.y / size.y)) - 1;
+             cv <= int(std::floor(bounds.pmax.y / size.y)) + 1; ++cv) {
             const SegmentPick pick = segmentPick(cu + seed, cv);
             const int su = int(pick.u) % tile.segmentCountU, sv = int(pick.v) % tile.segmentCountV;
             const D3 shift{double(cu - su) * size.x, double(cv - sv) * size.y, 0};
@@ -477,144 +403,64 @@ Reference explicitMeshHit(const PatternTile& tile, const Matrix3& tileToWorld, c
     return best;
 }
 
-void compareWithExplicitMesh(int segU, int segV, int32_t seed) {
-    std::mt19937 rng(11);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    std::vector<Triangle> tris;
-    for (int i = 0; i < 150; ++i) {
-        const Point3 a(unit(rng) * 10, unit(rng) * 10, unit(rng) * 10);
-        auto near = [&] {
-            Point3 p = a + Point3(unit(rng) - 0.5f, unit(rng) - 0.5f, unit(rng) - 0.5f) * 4.0f;
-            for (int k = 0; k < 3; ++k) p[k] = std::clamp(p[k], 0.0f, 10.0f);
-            return p;
-        };
-        tris.push_back({a, near(), near()});
-    }
-    auto tile = makeTile(tris, Point3(10, 10, 10), segU, segV);
-
-    const Point3 tc[4] = {{-3, -4, 0}, {17, -2, 0}, {2, 15, 0}, {4, 3, 10}};
+// Also: the normals at every hit are unit and, with flat pattern normals
+// and the surface normal up, both the world face's; and intersecting and
+// shading allocate nothing.
+TEST(PrimitiveIntersect, MatchesTheExplicitMeshForAnySegmentCount) {
     const Matrix3 map = skewMap();
-    Point3 w[4], dirs[4];
-    for (int i = 0; i < 4; ++i) {
-        w[i] = tc[i] * map;
-        dirs[i] = Point3(0, 0, 1);
-    }
-    MosaiqPrimitive prim;
-    prim.tile = tile.get();
-    ASSERT_TRUE(prim.init(w, tc, dirs, Point3(0, 0, 1), seed));
+    for (const auto& [segU, segV, seed] : {std::tuple{1, 1, 0}, {2, 2, 42}, {3, 1, -5}}) {
+        SCOPED_TRACE(testing::Message() << segU << " x " << segV << " segments, seed " << seed);
+        std::mt19937 rng(11);
+        std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+        auto tile = makeTile(test::randomSoup(rng, 150, 4.0f), Point3(10, 10, 10), segU, segV);
+        MosaiqPrimitive prim;
+        Point3 w[4];
+        ASSERT_TRUE(initSkewed(prim, tile.get(), kWideCorners, w, seed));
+        SegmentRandomTable::fill();
 
-    constexpr int kRays = 600;
-    int hits = 0, mismatches = 0;
-    for (int i = 0; i < kRays; ++i) {
-        // Aim at a point inside the piece from a random direction.
-        float b[4] = {unit(rng), unit(rng), unit(rng), unit(rng)};
-        const float sum = b[0] + b[1] + b[2] + b[3];
-        const Point3 target = (w[0] * b[0] + w[1] * b[1] + w[2] * b[2] + w[3] * b[3]) / sum;
-        const Point3 direction =
-            Normalize(Point3(unit(rng) - 0.5f, unit(rng) - 0.5f, unit(rng) - 0.5f));
-        const Point3 origin = target - direction * 20.0f;
+        constexpr int kRays = 600;
+        int hits = 0, mismatches = 0;
+        for (int i = 0; i < kRays; ++i) {
+            // Aim at a point inside the piece from a random direction.
+            float b[4] = {unit(rng), unit(rng), unit(rng), unit(rng)};
+            const float sum = b[0] + b[1] + b[2] + b[3];
+            const Point3 target = (w[0] * b[0] + w[1] * b[1] + w[2] * b[2] + w[3] * b[3]) / sum;
+            const Point3 direction =
+                Normalize(Point3(unit(rng) - 0.5f, unit(rng) - 0.5f, unit(rng) - 0.5f));
+            const Point3 origin = target - direction * 20.0f;
 
-        WorldRay ray = makeRay(origin, direction);
-        TileHit hit;
-        const bool found = prim.intersect(ray, hit);
-        const Reference ref = explicitMeshHit(*tile, map, tc, seed, toD(origin), toD(direction));
-        hits += found;
-        const bool agree =
-            found == ref.hit &&
-            (!found || (hit.faceIndex == ref.face && std::fabs(ray.bestDistance - ref.t) < 1e-3));
-        if (!agree && ++mismatches <= 5) {
-            ADD_FAILURE() << "ray " << i << ": piece " << found << " face " << hit.faceIndex
-                          << " t " << ray.bestDistance << ", mesh " << ref.hit << " face "
-                          << ref.face << " t " << ref.t;
+            WorldRay ray = makeRay(origin, direction);
+            TileHit hit;
+            gAllocations = 0;
+            tCountAllocations = true;
+            const bool found = prim.intersect(ray, hit);
+            const Point3 g = found ? prim.geometricNormal(hit) : Point3();
+            const Point3 shading = found ? prim.shadingNormal(hit) : Point3();
+            tCountAllocations = false;
+            ASSERT_EQ(gAllocations.load(), 0) << "ray " << i;
+
+            const Reference ref =
+                explicitMeshHit(*tile, map, kWideCorners, seed, toD(origin), toD(direction));
+            hits += found;
+            const bool agree =
+                found == ref.hit && (!found || (hit.faceIndex == ref.face &&
+                                                std::fabs(ray.bestDistance - ref.t) < 1e-3));
+            if (!agree && ++mismatches <= 5) {
+                ADD_FAILURE() << "ray " << i << ": piece " << found << " face " << hit.faceIndex
+                              << " t " << ray.bestDistance << ", mesh " << ref.hit << " face "
+                              << ref.face << " t " << ref.t;
+            }
+            if (!found) continue;
+            const PatternFace& face = tile->faces[hit.faceIndex];
+            const Point3 e1 = map.VectorTransform(*face.vertex[1] - *face.vertex[0]);
+            const Point3 e2 = map.VectorTransform(*face.vertex[2] - *face.vertex[0]);
+            EXPECT_NEAR(Length(g), 1.0f, 1e-5f);
+            EXPECT_NEAR(DotProd(g, Normalize(CrossProd(e1, e2))), 1.0f, 1e-5f) << "ray " << i;
+            expectNear(shading, g, 1e-5f);
         }
+        EXPECT_GT(hits, kRays / 5);
+        EXPECT_LE(mismatches, kRays / 200);
     }
-    EXPECT_GT(hits, kRays / 5);
-    EXPECT_LE(mismatches, kRays / 200);
-}
-
-TEST(PrimitiveIntersect, MatchesExplicitMeshWithOneSegment) { compareWithExplicitMesh(1, 1, 0); }
-
-TEST(PrimitiveIntersect, MatchesExplicitMeshWithRandomSegments) {
-    compareWithExplicitMesh(2, 2, 42);
-    compareWithExplicitMesh(3, 1, -5);
-}
-
-TEST(PrimitiveNormals, GeometricNormalIsUnitAndPerpendicularToTheWorldFace) {
-    const Triangle face = {Point3(1, 1, 1), Point3(8, 2, 3), Point3(3, 7, 4)};
-    auto tile = makeTile({face}, Point3(10, 10, 10), 1, 1);
-    const Point3 tc[4] = {{0, 0, 0}, {30, 0, 0}, {0, 30, 0}, {0, 0, 10}};
-    const Matrix3 map = skewMap();
-    Point3 w[4], dirs[4];
-    for (int i = 0; i < 4; ++i) {
-        w[i] = tc[i] * map;
-        dirs[i] = Point3(0, 0, 1);
-    }
-    MosaiqPrimitive prim;
-    prim.tile = tile.get();
-    ASSERT_TRUE(prim.init(w, tc, dirs, Point3(0, 0, 1), 0));
-
-    const Point3 target = ((face[0] + face[1] + face[2]) / 3.0f) * map;
-    WorldRay ray = makeRay(target + Point3(0.3f, -0.2f, 1.0f) * 2.0f, Point3(-0.3f, 0.2f, -1.0f));
-    TileHit hit;
-    ASSERT_TRUE(prim.intersect(ray, hit));
-    ASSERT_EQ(hit.faceIndex, 0);
-
-    const Point3 g = prim.geometricNormal(hit);
-    EXPECT_NEAR(Length(g), 1.0f, 1e-6f);
-    const Point3 e1 = map.VectorTransform(face[1] - face[0]);
-    const Point3 e2 = map.VectorTransform(face[2] - face[0]);
-    EXPECT_NEAR(DotProd(g, Normalize(e1)), 0.0f, 1e-5f);
-    EXPECT_NEAR(DotProd(g, Normalize(e2)), 0.0f, 1e-5f);
-    EXPECT_NEAR(DotProd(g, Normalize(CrossProd(e1, e2))), 1.0f, 1e-5f);
-    // Flat pattern normals, surface normal = up: the shading normal is the face's.
-    expectNear(prim.shadingNormal(hit), g, 1e-5f);
-}
-
-// ---------------------------------------------------------------------------
-
-TEST(PrimitiveIntersect, AllocatesNothing) {
-    std::vector<Triangle> tris;
-    std::mt19937 rng(5);
-    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-    for (int i = 0; i < 2000; ++i) {
-        const Point3 a(unit(rng) * 10, unit(rng) * 10, unit(rng) * 10);
-        tris.push_back({a, a + Point3(unit(rng), unit(rng), 0), a + Point3(0, unit(rng), 1)});
-    }
-    auto tile = makeTile(tris, Point3(10, 10, 10), 2, 3);
-    const Point3 tc[4] = {{-3, -4, 0}, {17, -2, 0}, {2, 15, 0}, {4, 3, 10}};
-    const Matrix3 map = skewMap();
-    Point3 w[4], dirs[4];
-    for (int i = 0; i < 4; ++i) {
-        w[i] = tc[i] * map;
-        dirs[i] = Normalize(Point3(unit(rng), unit(rng), 1));
-    }
-    MosaiqPrimitive prim;
-    prim.tile = tile.get();
-    ASSERT_TRUE(prim.init(w, tc, dirs, Point3(0, 0, 1), 3));
-    std::vector<WorldRay> rays;
-    for (int i = 0; i < 5000; ++i) {
-        const Point3 target = (w[0] + w[1] + w[2] + w[3]) / 4.0f;
-        const Point3 direction =
-            Normalize(Point3(unit(rng) - 0.5f, unit(rng) - 0.5f, unit(rng) - 0.5f));
-        rays.push_back(makeRay(target - direction * (10.0f * unit(rng)), direction));
-    }
-    SegmentRandomTable::fill();
-
-    int hits = 0;
-    float checksum = 0;
-    gAllocations = 0;
-    tCountAllocations = true;
-    for (WorldRay& ray : rays) {
-        TileHit hit;
-        if (prim.intersect(ray, hit)) {
-            ++hits;
-            checksum += prim.shadingNormal(hit).z + prim.geometricNormal(hit).z;
-        }
-    }
-    tCountAllocations = false;
-    EXPECT_EQ(gAllocations.load(), 0);
-    EXPECT_GT(hits, 1000);
-    EXPECT_TRUE(std::isfinite(checksum));
 }
 
 }  // namespace

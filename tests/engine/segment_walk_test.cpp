@@ -3,48 +3,24 @@
 #include "engine/segment_walk.h"
 
 #include "engine/octree.h"
-#include "engine/tile.h"
+#include "support/tile_test_util.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
 #include <cmath>
 #include <limits>
-#include <memory>
-#include <random>
-#include <vector>
 
 namespace mq {
 namespace {
 
-using Triangle = std::array<Point3, 3>;
+using test::addFloor;
+using test::makeTile;
+using test::Triangle;
 
-// A tile whose faces are given directly in tile space.
-std::unique_ptr<PatternTile> makeTile(const std::vector<Triangle>& tris, const Point3& crop,
-                                      int segU, int segV) {
-    Mesh mesh;
-    mesh.setNumVerts(int(tris.size()) * 3);
-    mesh.setNumFaces(int(tris.size()));
-    for (size_t f = 0; f < tris.size(); ++f) {
-        for (int c = 0; c < 3; ++c) {
-            mesh.setVert(int(f * 3 + c), tris[f][c]);
-            mesh.faces[f].v[c] = uint32_t(f * 3 + c);
-        }
-    }
-    auto tile = std::make_unique<PatternTile>();
-    // The build centres the crop box on cropSize / 2; undo that so mesh
-    // coordinates are tile coordinates.
-    tile->build(mesh, TransMatrix(crop * -0.5f), crop, segU, segV);
-    return tile;
-}
-
-// Two triangles covering [x0, x1] x [y0, y1] at height z; the first holds
-// the points below the diagonal (y - y0 < x - x0 in a square).
-void addFloor(std::vector<Triangle>& tris, float x0, float y0, float x1, float y1, float z) {
-    tris.push_back({Point3(x0, y0, z), Point3(x1, y0, z), Point3(x1, y1, z)});
-    tris.push_back({Point3(x0, y0, z), Point3(x1, y1, z), Point3(x0, y1, z)});
-}
+constexpr int32_t kMinInt = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMaxInt = std::numeric_limits<int32_t>::max();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
 
 // The host generator's table computed from the LCG formula alone.
 struct ReferenceTable {
@@ -80,44 +56,24 @@ TileRay makeRay(const Point3& origin, const Point3& direction, float tStart = 0.
 
 // ---------------------------------------------------------------------------
 
-TEST(CellIndex, PositiveValuesFloor) {
-    EXPECT_EQ(cellIndex(0.5f, 10.0f), 0);
-    EXPECT_EQ(cellIndex(9.99f, 10.0f), 0);
-    EXPECT_EQ(cellIndex(10.0f, 10.0f), 1);
-    EXPECT_EQ(cellIndex(25.0f, 10.0f), 2);
+TEST(CellIndex, FloorsExceptThatNonPositiveMultiplesLandOneCellLow) {
+    const std::tuple<float, float, int32_t> cases[] = {
+        {0.5f, 10, 0},       {9.99f, 10, 0},       {10, 10, 1},       {25, 10, 2},
+        {0, 10, -1},         {-0.0f, 10, -1},      {-10, 10, -2},     {-20, 10, -3},
+        {-12, 4, -4},        {-5, 10, -1},         {-0.001f, 10, -1}, {-15, 10, -2},
+        {1e30f, 1, kMaxInt}, {-1e30f, 1, kMinInt}, {kNaN, 1, 0},  // out of range saturates
+    };
+    for (const auto& [value, size, cell] : cases)
+        EXPECT_EQ(cellIndex(value, size), cell) << value << " / " << size;
 }
 
-TEST(CellIndex, NonPositiveMultiplesLandOneCellLow) {
-    EXPECT_EQ(cellIndex(0.0f, 10.0f), -1);
-    EXPECT_EQ(cellIndex(-0.0f, 10.0f), -1);
-    EXPECT_EQ(cellIndex(-10.0f, 10.0f), -2);
-    EXPECT_EQ(cellIndex(-20.0f, 10.0f), -3);
-    EXPECT_EQ(cellIndex(-12.0f, 4.0f), -4);
-    // Between multiples it is the floor.
-    EXPECT_EQ(cellIndex(-5.0f, 10.0f), -1);
-    EXPECT_EQ(cellIndex(-0.001f, 10.0f), -1);
-    EXPECT_EQ(cellIndex(-15.0f, 10.0f), -2);
-}
-
-TEST(CellIndex, OutOfRangeSaturates) {
-    EXPECT_EQ(cellIndex(1e30f, 1.0f), std::numeric_limits<int32_t>::max());
-    EXPECT_EQ(cellIndex(-1e30f, 1.0f), std::numeric_limits<int32_t>::min());
-    EXPECT_EQ(cellIndex(std::numeric_limits<float>::quiet_NaN(), 1.0f), 0);
-}
-
-TEST(SegmentTable, FirstEntriesAreTheFixedGenerators) {
+TEST(SegmentTable, IsTheLcgFromSeedZeroFilledOnce) {
     const SegmentRandomTable& table = SegmentRandomTable::instance();
     // srand(0), one draw discarded, then U and V alternate.
     EXPECT_EQ(table.u(0, 0), 7719u);
     EXPECT_EQ(table.v(0, 0), 21238u);
     EXPECT_EQ(table.u(0, 1), 2437u);
-    EXPECT_EQ(table.v(0, 1), 8855u);
-    EXPECT_EQ(table.u(0, 2), 11797u);
     EXPECT_EQ(table.v(0, 3), 10450u);
-}
-
-TEST(SegmentTable, WholeTableMatchesTheLcg) {
-    const SegmentRandomTable& table = SegmentRandomTable::instance();
     const ReferenceTable& ref = reference();
     int mismatches = 0;
     for (int row = 0; row < 1000; ++row) {
@@ -127,16 +83,10 @@ TEST(SegmentTable, WholeTableMatchesTheLcg) {
         }
     }
     EXPECT_EQ(mismatches, 0);
-}
 
-TEST(SegmentTable, FillIsIdempotent) {
-    const SegmentRandomTable* before = &SegmentRandomTable::instance();
-    const uint32_t u = before->u(999, 999), v = before->v(999, 999);
     SegmentRandomTable::fill();
-    SegmentRandomTable::fill();
-    EXPECT_EQ(&SegmentRandomTable::instance(), before);
-    EXPECT_EQ(SegmentRandomTable::instance().u(999, 999), u);
-    EXPECT_EQ(SegmentRandomTable::instance().v(999, 999), v);
+    EXPECT_EQ(&SegmentRandomTable::instance(), &table);
+    EXPECT_EQ(table.u(999, 999), ref.u.back());
 }
 
 TEST(SegmentPick, RowsOfCellCoordinates) {
@@ -144,18 +94,8 @@ TEST(SegmentPick, RowsOfCellCoordinates) {
     // (cell coordinate, table row): 0 and 1000 fall on different rows,
     // 1 and 1001 on the same one.
     const std::pair<int32_t, int> rows[] = {
-        {0, 999},
-        {1, 1},
-        {999, 999},
-        {1000, 0},
-        {1001, 1},
-        {2500, 500},
-        {-1, 998},
-        {-999, 0},
-        {-1000, 999},
-        {-1001, 998},
-        {std::numeric_limits<int32_t>::min(), 351},
-        {std::numeric_limits<int32_t>::max(), 647},
+        {0, 999},  {1, 1},    {999, 999},   {1000, 0},    {1001, 1},      {2500, 500},
+        {-1, 998}, {-999, 0}, {-1000, 999}, {-1001, 998}, {kMinInt, 351}, {kMaxInt, 647},
     };
     for (const auto& [a, row] : rows) {
         for (const auto& [b, column] : rows) {
@@ -178,26 +118,28 @@ protected:
 
     static void SetUpTestSuite() {
         std::vector<Triangle> tris;
-        for (int j = 0; j < kSegV; ++j) {
-            for (int i = 0; i < kSegU; ++i) {
+        for (int j = 0; j < kSegV; ++j)
+            for (int i = 0; i < kSegU; ++i)
                 addFloor(tris, 4.0f * i, 4.0f * j, 4.0f * (i + 1), 4.0f * (j + 1), heightOf(i, j));
-            }
-        }
         tile_ = makeTile(tris, Point3(12, 8, 4), kSegU, kSegV).release();
     }
     static void TearDownTestSuite() { delete tile_; }
 
-    // The segment a vertical ray through cell (cu, cv) lands on, or (-1, -1).
-    static std::pair<int, int> segmentSeen(int cu, int cv, int32_t seed) {
-        TileRay ray = makeRay(Point3(4.0f * cu + 1.3f, 4.0f * cv + 0.6f, 10.0f), Point3(0, 0, -1),
-                              0.0f, 1e30f, seed);
+    // The segment a ray lands on, or (-1, -1).
+    static std::pair<int, int> segmentHit(TileRay ray) {
         TileHit hit;
         if (!walkSegments(*tile_, ray, hit)) return {-1, -1};
-        const int segment = hit.faceIndex / 2;
-        const int i = segment % kSegU, j = segment / kSegU;
+        const int i = hit.faceIndex / 2 % kSegU, j = hit.faceIndex / 2 / kSegU;
         EXPECT_EQ(hit.faceIndex % 2, 0);
-        EXPECT_FLOAT_EQ(ray.tEnd, 10.0f - heightOf(i, j));
+        if (ray.direction == Point3(0, 0, -1)) {  // vertical: the floor height tells
+            EXPECT_FLOAT_EQ(ray.tEnd, ray.origin.z - heightOf(i, j));
+        }
         return {i, j};
+    }
+    // The segment a vertical ray through cell (cu, cv) lands on.
+    static std::pair<int, int> segmentSeen(int cu, int cv, int32_t seed) {
+        return segmentHit(makeRay(Point3(4.0f * cu + 1.3f, 4.0f * cv + 0.6f, 10.0f),
+                                  Point3(0, 0, -1), 0.0f, 1e30f, seed));
     }
 
     static PatternTile* tile_;
@@ -219,24 +161,13 @@ TEST_F(SegmentFloors, EachCellShowsTheSegmentOfItsTableEntry) {
     }
 }
 
-TEST_F(SegmentFloors, SameCellAndSeedAlwaysSameSegment) {
-    for (int cu = -3; cu <= 3; ++cu) {
-        for (int cv = -3; cv <= 3; ++cv) {
-            EXPECT_EQ(segmentSeen(cu, cv, 17), segmentSeen(cu, cv, 17));
-        }
-    }
-}
-
 // Cells before the slab entry lie above (or below) every segment box: a walk
 // started there would end after three missed boxes.
 TEST_F(SegmentFloors, WalkStartsInTheCellWhereTheRayEntersTheSlab) {
-    const auto expected = segmentSeen(5, 0, 0);
     for (const float z : {100.0f, -100.0f}) {
-        TileRay ray = makeRay(Point3(1.3f, 0.6f, z), Point3(0.2f, 0, z > 0 ? -1.0f : 1.0f));
-        TileHit hit;
-        ASSERT_TRUE(walkSegments(*tile_, ray, hit)) << z;
-        const int segment = hit.faceIndex / 2;
-        EXPECT_EQ(std::make_pair(segment % kSegU, segment / kSegU), expected) << z;
+        EXPECT_EQ(segmentHit(makeRay(Point3(1.3f, 0.6f, z), Point3(0.2f, 0, z > 0 ? -1.0f : 1.0f))),
+                  segmentSeen(5, 0, 0))
+            << z;
     }
 }
 
@@ -259,126 +190,50 @@ TEST_F(SegmentFloors, SeedShiftsTheLookupInUOnly) {
 
 // ---------------------------------------------------------------------------
 
-class SegmentWalkFloor : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::vector<Triangle> tris;
-        addFloor(tris, 0, 0, 10, 10, 5);
-        tile = makeTile(tris, Point3(10, 10, 10), 1, 1);
-    }
-    bool walk(TileRay ray, float* t = nullptr) {
-        TileHit hit;
-        const bool found = walkSegments(*tile, ray, hit);
-        if (t) *t = ray.tEnd;
-        return found;
-    }
-    std::unique_ptr<PatternTile> tile;
-};
-
-TEST_F(SegmentWalkFloor, RaysOutsideTheSlabPointingAwayMiss) {
-    EXPECT_FALSE(walk(makeRay({5, 5, 12}, {0, 0, 1})));
-    EXPECT_FALSE(walk(makeRay({5, 5, -2}, {0.1f, 0, -1})));
-    // Inside the slab at the origin, but above it at tStart.
-    EXPECT_FALSE(walk(makeRay({5, 5, 2}, {0, 0, 1}, 9.0f)));
-    // Parallel to the slab, outside it.
-    EXPECT_FALSE(walk(makeRay({5, 5, 12}, {1, 0.5f, 0})));
-    EXPECT_FALSE(walk(makeRay({5, 5, -0.001f}, {-1, 0, 0})));
-}
-
-TEST_F(SegmentWalkFloor, RaysEnteringTheSlabHit) {
-    float t = 0;
-    ASSERT_TRUE(walk(makeRay({5, 5, 12}, {0, 0, -1}), &t));
-    EXPECT_EQ(t, 7.0f);
-    ASSERT_TRUE(walk(makeRay({5, 5, -3}, {0, 0, 1}), &t));
-    EXPECT_EQ(t, 8.0f);
-    ASSERT_TRUE(walk(makeRay({5, 5, 2}, {0, 0, 1}), &t));
-    EXPECT_EQ(t, 3.0f);
-    // The floor repeats in every cell, negative ones included.
-    ASSERT_TRUE(walk(makeRay({-37.5f, 1234.25f, 12}, {0, 0, -2}), &t));
-    EXPECT_EQ(t, 3.5f);
-    // The range still limits the hit.
-    EXPECT_FALSE(walk(makeRay({5, 5, 12}, {0, 0, -1}, 0.0f, 6.99f)));
-}
-
-TEST_F(SegmentWalkFloor, MissLeavesRayAndHitUntouched) {
-    TileRay ray = makeRay({5, 5, 12}, {0, 0, -1}, 0.0f, 6.5f);
-    TileHit hit;
-    hit.faceIndex = 77;
-    ASSERT_FALSE(walkSegments(*tile, ray, hit));
-    EXPECT_EQ(ray.tEnd, 6.5f);
-    EXPECT_EQ(hit.faceIndex, 77);
-}
-
-TEST_F(SegmentWalkFloor, GuardedRaysTerminateWithoutHit) {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float inf = std::numeric_limits<float>::infinity();
-    // Zero direction: there is no exit from any box.
-    EXPECT_FALSE(walk(makeRay({5, 5, 5}, {0, 0, 0})));
-    EXPECT_FALSE(walk(makeRay({nan, 5, 5}, {0, 0, -1})));
-    EXPECT_FALSE(walk(makeRay({5, 5, 5}, {inf, 0, -1})));
-    EXPECT_FALSE(walk(makeRay({5, 5, 12}, {0, 0, -1}, nan)));
-    EXPECT_FALSE(walk(makeRay({5, 5, 12}, {0, 0, -1}, 0.0f, nan)));
-    // Inside the slab, parallel to it, below the floor, unbounded: never
-    // leaves through the top or bottom, so only the cell limit ends it.
-    EXPECT_FALSE(walk(makeRay({5, 5, 2}, {1, 0.25f, 0}, 0.0f, inf)));
-}
-
-TEST(SegmentWalk, UnusableSegmentCountsMiss) {
+TEST(SegmentWalk, SlabEntryRangeAndGuards) {
     std::vector<Triangle> tris;
     addFloor(tris, 0, 0, 10, 10, 5);
     auto tile = makeTile(tris, Point3(10, 10, 10), 1, 1);
-    tile->segmentCountU = 0;
-    TileRay ray = makeRay({5, 5, 12}, {0, 0, -1});
-    TileHit hit;
-    EXPECT_FALSE(walkSegments(*tile, ray, hit));
-}
-
-// With one segment every cell shows the whole crop box: within one cell the
-// walk is the plain octree traversal of the crop box, and moving the ray by
-// whole cells changes nothing.
-TEST(SegmentWalk, SingleSegmentIsPlainTraversalInEveryCell) {
-    std::mt19937 rng(7);
-    std::uniform_real_distribution<float> coord(0.0f, 10.0f);
-    std::vector<Triangle> tris;
-    for (int i = 0; i < 400; ++i) {
-        const Point3 a(coord(rng), coord(rng), coord(rng));
-        auto near = [&] {
-            return Point3(std::clamp(a.x + coord(rng) * 0.3f - 1.5f, 0.0f, 10.0f),
-                          std::clamp(a.y + coord(rng) * 0.3f - 1.5f, 0.0f, 10.0f),
-                          std::clamp(a.z + coord(rng) * 0.3f - 1.5f, 0.0f, 10.0f));
-        };
-        tris.push_back({a, near(), near()});
-    }
-    const Point3 crop(10, 10, 10);
-    auto tile = makeTile(tris, crop, 1, 1);
-
-    // Origins on a 1/64 grid keep the whole-cell moves exact.
-    std::uniform_int_distribution<int> grid(64, 9 * 64);
-    std::uniform_real_distribution<float> slope(-0.05f, 0.05f);
-    int hits = 0;
-    for (int i = 0; i < 500; ++i) {
-        const TileRay ray = makeRay(Point3(grid(rng) / 64.0f, grid(rng) / 64.0f, 12.0f),
-                                    Point3(slope(rng), slope(rng), -1.0f));
-        TileRay plain = ray;
-        TileHit plainHit;
-        bool plainFound = clipRayToBox(plain.origin, plain.direction, Box3(Point3(), crop),
-                                       plain.tStart, plain.tEnd) &&
-                          traverse(plain, tile->tree.get(), plainHit);
-        hits += plainFound;
-        for (const Point3 move : {Point3(0, 0, 0), Point3(30, -20, 0), Point3(-10, 9990, 0)}) {
-            TileRay walked = ray;
-            walked.origin += move;
-            TileHit walkHit;
-            ASSERT_EQ(walkSegments(*tile, walked, walkHit), plainFound) << "ray " << i;
-            if (!plainFound) continue;
-            EXPECT_EQ(walkHit.faceIndex, plainHit.faceIndex);
-            EXPECT_EQ(walkHit.faceKey, plainHit.faceKey);
-            EXPECT_EQ(walked.tEnd, plain.tEnd);
-            EXPECT_EQ(walkHit.beta, plainHit.beta);
-            EXPECT_EQ(walkHit.gamma, plainHit.gamma);
+    const struct {
+        const char* what;
+        TileRay ray;
+        float t = -1;  // where the floor is hit; -1 for a miss
+    } cases[] = {
+        {"above, pointing away", makeRay({5, 5, 12}, {0, 0, 1})},
+        {"below, pointing away", makeRay({5, 5, -2}, {0.1f, 0, -1})},
+        {"inside, but above the slab at tStart", makeRay({5, 5, 2}, {0, 0, 1}, 9.0f)},
+        {"parallel above the slab", makeRay({5, 5, 12}, {1, 0.5f, 0})},
+        {"parallel below the slab", makeRay({5, 5, -0.001f}, {-1, 0, 0})},
+        {"down from above", makeRay({5, 5, 12}, {0, 0, -1}), 7},
+        {"up from below", makeRay({5, 5, -3}, {0, 0, 1}), 8},
+        {"up from inside", makeRay({5, 5, 2}, {0, 0, 1}), 3},
+        {"in a far negative cell", makeRay({-37.5f, 1234.25f, 12}, {0, 0, -2}), 3.5f},
+        {"range ends short of the floor", makeRay({5, 5, 12}, {0, 0, -1}, 0.0f, 6.99f)},
+        {"zero direction", makeRay({5, 5, 5}, {0, 0, 0})},
+        {"NaN origin", makeRay({kNaN, 5, 5}, {0, 0, -1})},
+        {"infinite direction", makeRay({5, 5, 5}, {kInf, 0, -1})},
+        {"NaN tStart", makeRay({5, 5, 12}, {0, 0, -1}, kNaN)},
+        {"NaN tEnd", makeRay({5, 5, 12}, {0, 0, -1}, 0.0f, kNaN)},
+        // Never leaves through the top or bottom: only the cell limit ends it.
+        {"unbounded, parallel inside the slab", makeRay({5, 5, 2}, {1, 0.25f, 0}, 0.0f, kInf)},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TileRay ray = c.ray;
+        TileHit hit;
+        hit.faceIndex = 77;
+        ASSERT_EQ(walkSegments(*tile, ray, hit), c.t >= 0);
+        if (c.t >= 0) {
+            EXPECT_EQ(ray.tEnd, c.t);
+        } else {  // a miss leaves ray and hit untouched
+            EXPECT_TRUE(ray.tEnd == c.ray.tEnd || std::isnan(c.ray.tEnd));
+            EXPECT_EQ(hit.faceIndex, 77);
         }
     }
-    EXPECT_GT(hits, 100);
+    tile->segmentCountU = 0;  // unusable
+    TileRay down = makeRay({5, 5, 12}, {0, 0, -1});
+    TileHit hit;
+    EXPECT_FALSE(walkSegments(*tile, down, hit));
 }
 
 // Segments of 5 x 10 (two in U); a wall at y = 5 covers only segment 1. A

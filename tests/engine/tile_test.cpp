@@ -6,13 +6,10 @@
 #include "host/interface.h"
 #include "host/node.h"
 #include "host/object.h"
-#include "plugin/classdesc.h"
 #include "plugin/params.h"
+#include "support/mosaiq_test.h"
+#include "support/test_util.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <numbers>
 #include <random>
@@ -20,21 +17,11 @@
 namespace mq {
 namespace {
 
+using mosaiq::test::newMosaiq;
+using test::expectNear;
 namespace fs = std::filesystem;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-void expectNear(const Point3& a, const Point3& b, float tol) {
-    EXPECT_LT(Length(a - b), tol) << "(" << a.x << ", " << a.y << ", " << a.z << ") vs (" << b.x
-                                  << ", " << b.y << ", " << b.z << ")";
-}
-
-PatternFace faceOf(const Point3* corners) {
-    PatternFace f;
-    for (int c = 0; c < 3; ++c) f.vertex[c] = &corners[c];
-    precomputeFace(f);
-    return f;
-}
 
 // A two-face square (-1..1)^2 in z = 0 with UVs on channel 1 and material ids 7, 9.
 Mesh squareMesh() {
@@ -56,31 +43,6 @@ int hitFace(const PatternTile& tile, Point3 origin, Point3 direction) {
     TileHit hit;
     if (!clipRayToBox(r.origin, r.direction, tile.tree->box, r.tStart, r.tEnd)) return -1;
     return traverse(r, tile.tree.get(), hit) ? hit.faceIndex : -1;
-}
-
-TEST(PrecomputeFace, ProjectsOntoTheDominantAxesWithScaledEdges) {
-    const Point3 abc[3] = {{0, 0, 2}, {2, 0, 2}, {0, 2, 2}};
-    const PatternFace f = faceOf(abc);
-    EXPECT_EQ(f.faceNormal, Point3(0, 0, 1));
-    EXPECT_EQ(f.centre, Point3(2.0f / 3.0f, 2.0f / 3.0f, 2.0f));
-    EXPECT_EQ(f.planeDistance, 2.0f);
-    EXPECT_TRUE(f.axisU == 0 && f.axisV == 1);
-    // Edges (2, 0) and (0, 2) divided by the determinant 4.
-    EXPECT_EQ(std::make_tuple(f.edgeU1, f.edgeV1, f.edgeU2, f.edgeV2),
-              std::make_tuple(0.5f, 0.0f, 0.0f, 0.5f));
-    // Ties go to the later choice: |x| = |y| gives (2, 0); |x| = |z| > |y| gives (1, 2).
-    const Point3 xy[3] = {{0, 0, 0}, {0, 0, 1}, {1, -1, 0}};
-    EXPECT_TRUE(faceOf(xy).axisU == 2 && faceOf(xy).axisV == 0);
-    const Point3 xz[3] = {{0, 0, 0}, {0, 1, 0}, {1, 0, -1}};
-    EXPECT_TRUE(faceOf(xz).axisU == 1 && faceOf(xz).axisV == 2);
-    // A degenerate face keeps its zero cross product and nothing else.
-    const Point3 line[3] = {{1, 1, 1}, {2, 2, 2}, {4, 4, 4}};
-    PatternFace d;
-    d.planeDistance = 42.0f;
-    for (int c = 0; c < 3; ++c) d.vertex[c] = &line[c];
-    precomputeFace(d);
-    EXPECT_EQ(d.faceNormal, Point3(0, 0, 0));
-    EXPECT_EQ(d.planeDistance, 42.0f);
 }
 
 TEST(TileBuild, CropBoxBecomesZeroToCropSizeInsideOddlyGrownTreeBounds) {
@@ -141,6 +103,9 @@ TEST(TileBuild, DegenerateFacesStayInTheTreeButAreNeverHit) {
     PatternTile tile;
     tile.build(m, Matrix3(), Point3(10, 10, 10), 1, 1);
     ASSERT_EQ(tile.faceCount, 3);
+    // Degenerate faces keep a zero normal.
+    EXPECT_EQ(tile.faces[1].faceNormal, Point3());
+    EXPECT_EQ(tile.faces[2].faceNormal, Point3());
     std::vector<int> listed(3, 0);
     std::vector<const PatternOctreeNode*> stack{tile.tree.get()};
     while (!stack.empty()) {
@@ -152,19 +117,6 @@ TEST(TileBuild, DegenerateFacesStayInTheTreeButAreNeverHit) {
     EXPECT_EQ(listed, std::vector<int>({1, 1, 1}));
     for (float x : {-1.0f, -0.3f, 0.5f, 1.0f})
         EXPECT_EQ(hitFace(tile, Point3(x + 5, 5, 9), Point3(0, 0, -1)), 0) << x;
-}
-
-TEST(TileBuild, AZeroFaceTileIsOneEmptyLeafThatNoRayHits) {
-    Mesh m;
-    m.verts = {{0, 0, 0}, {1, 1, 1}};
-    PatternTile tile;
-    tile.build(m, Matrix3(), Point3(2, 2, 2), 1, 1);
-    ASSERT_NE(tile.tree, nullptr);
-    EXPECT_TRUE(tile.tree->isLeaf() && tile.tree->faceCount == 0 && tile.faceCount == 0);
-    std::mt19937 rng(3);
-    std::uniform_real_distribution<float> u(-3.0f, 3.0f);
-    for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(hitFace(tile, Point3(u(rng), u(rng), u(rng)), Point3(u(rng), u(rng), 1)), -1);
 }
 
 TEST(TileBuild, CopiesEveryMapChannelAndReleaseFreesIt) {
@@ -213,33 +165,25 @@ TEST(TileBuild, BrokenMeshesBuildAndWalkWithoutCrashing) {
         hits += f >= 0;
     }
     EXPECT_GT(hits, 0);
-    // Faces without any vertices.
-    Mesh empty;
-    empty.faces = {Face{{0, 1, 2}, 1, 0}};
-    tile.build(empty, Matrix3(), Point3(4, 4, 4), 1, 1);
-    EXPECT_EQ(tile.faceCount, 1);
-    EXPECT_EQ(hitFace(tile, Point3(2, 2, 3), Point3(0, 0, -1)), -1);
-}
 
-struct DeleteThis {
-    void operator()(Animatable* a) const {
-        if (a) a->DeleteThis();
+    // Faces without any vertices, and no faces at all: no ray hits anything.
+    Mesh noVertices, noFaces;
+    noVertices.faces = {Face{{0, 1, 2}, 1, 0}};
+    noFaces.verts = {{0, 0, 0}, {1, 1, 1}};
+    for (Mesh m : {noVertices, noFaces}) {
+        tile.build(m, Matrix3(), Point3(2, 2, 2), 1, 1);
+        ASSERT_NE(tile.tree, nullptr);
+        EXPECT_EQ(tile.faceCount, int(m.faces.size()));
+        if (m.faces.empty()) {
+            EXPECT_TRUE(tile.tree->isLeaf() && tile.tree->faceCount == 0);
+        }
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(hitFace(tile, Point3(u(rng), u(rng), u(rng)), Point3(u(rng), u(rng), 1)), -1);
     }
-};
-using ObjectPtr = std::unique_ptr<Object, DeleteThis>;
-ObjectPtr newMosaiq() { return ObjectPtr(static_cast<Object*>(mosaiq::GetMosaiqDesc().Create())); }
+}
 
 class TileCapture : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_NE(pb_, nullptr);
-        dir_ = fs::temp_directory_path() /
-               ("mosaiq-tile-test-" +
-                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     Node* addNode(const std::string& name, Object* obj, const Matrix3& tm = Matrix3()) {
         auto node = std::make_unique<Node>(name);
         node->SetObjectRef(obj);
@@ -261,21 +205,17 @@ protected:
         pb_->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
         pb_->SetValue(mosaiq::kPatternFile, 0, file.string());
     }
-    fs::path write(const std::string& name, const std::string& text) {
-        std::ofstream(dir_ / name, std::ios::binary) << text;
-        return dir_ / name;
-    }
     static void expectUnbuilt(const PatternTile& tile) {
         EXPECT_TRUE(!tile.built && !tile.tree && tile.faceCount == 0 && tile.vertices.empty());
     }
 
     HostInterface host_;
-    ObjectPtr mosaiq_ = newMosaiq();
-    ParamBlock* pb_ = mosaiq_ ? mosaiq_->GetParamBlock(0) : nullptr;
-    fs::path dir_;
+    mosaiq::test::MosaiqPtr mosaiq_ = newMosaiq();
+    ParamBlock* pb_ = mosaiq_->GetParamBlock(0);
+    test::TempDir dir_;
 };
 
-TEST_F(TileCapture, FromASceneNodeTheCropFollowsThePositionNotTheRotation) {
+TEST_F(TileCapture, FromASceneNodeConvertedTheCropFollowsThePositionNotTheRotation) {
     Node* node =
         addNode("Square", new TriObject(squareMesh()),
                 RotateZMatrix(std::numbers::pi_v<float> / 2) * TransMatrix(Point3(100, 50, 7)));
@@ -291,38 +231,23 @@ TEST_F(TileCapture, FromASceneNodeTheCropFollowsThePositionNotTheRotation) {
     EXPECT_EQ(tile.mapVertices[1].size(), 4u);
     EXPECT_GE(hitFace(tile, Point3(2.4f, 2.2f, 3), Point3(0, 0, -1)), 0);
     EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), 1);
-}
 
-TEST_F(TileCapture, ConvertsAPrimitiveToATriangleMesh) {
+    // A primitive is converted to a triangle mesh.
     Object* sphere = createObject(GEOMOBJECT_CLASS_ID, SPHERE_CLASS_ID);
     ASSERT_NE(sphere, nullptr);
     const int faces = meshOfObject(sphere, 0)->getNumFaces();
     pick(addNode("Sphere", sphere), Point3(120, 120, 120), Matrix3());
-    PatternTile tile;
+    tile.release();
     ASSERT_TRUE(tile.capture(pb_, 0));
     EXPECT_EQ(tile.faceCount, faces);
     EXPECT_GE(hitFace(tile, Point3(60, 60, 200), Point3(0, 0, -1)), 0);
 }
 
-TEST_F(TileCapture, FailsWithoutAUsableSceneMesh) {
-    Mesh noFaces;
-    noFaces.verts = {{0, 0, 0}};
-    Node* nodes[] = {nullptr, addNode("Empty", nullptr), addNode("NoFaces", new TriObject(noFaces)),
-                     addNode("Other", newMosaiq().release())};  // not convertible
-    PatternTile tile;
-    for (Node* node : nodes) {
-        pick(node, Point3(1, 1, 1), Matrix3());
-        EXPECT_FALSE(tile.capture(pb_, 0)) << (node ? node->GetName() : "no node");
-        expectUnbuilt(tile);
-    }
-    EXPECT_FALSE(tile.capture(nullptr, 0));
-}
-
 TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
     addNode("Keep", new TriObject(squareMesh()));
-    useFile(write("two.obj",
-                  "o First\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
-                  "o Second\nv 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\nf 4 5 6\nf 4 6 7\n"));
+    useFile(dir_.write("two.obj",
+                       "o First\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
+                       "o Second\nv 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\nf 4 5 6\nf 4 6 7\n"));
     setCrop(Point3(2, 2, 2), TransMatrix(Point3(0, 0, 0.5f)));
     PatternTile tile;
     ASSERT_TRUE(tile.capture(pb_, 0)) << host_.lastError();
@@ -335,15 +260,26 @@ TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
     EXPECT_EQ(host_.GetRootNode()->GetChildNode(0)->GetName(), "Keep");
 }
 
-TEST_F(TileCapture, FailsOnMissingOrBrokenFiles) {
+TEST_F(TileCapture, FailsWithoutAUsableMeshAndChangesNothing) {
+    Mesh noFaces;
+    noFaces.verts = {{0, 0, 0}};
+    Node* nodes[] = {nullptr, addNode("Empty", nullptr), addNode("NoFaces", new TriObject(noFaces)),
+                     addNode("Other", newMosaiq().release())};  // not convertible
     PatternTile tile;
-    setCrop(Point3(2, 2, 2), Matrix3());
+    for (Node* node : nodes) {
+        pick(node, Point3(1, 1, 1), Matrix3());
+        EXPECT_FALSE(tile.capture(pb_, 0)) << (node ? node->GetName() : "no node");
+        expectUnbuilt(tile);
+    }
+    EXPECT_FALSE(tile.capture(nullptr, 0));
+    const int children = host_.GetRootNode()->NumberOfChildren();
     for (const fs::path& file :
-         {dir_ / "missing.obj", write("garbage.glb", "\x01\x02 not a mesh"), dir_, fs::path()}) {
+         {dir_ / "missing.obj", dir_.write("garbage.glb", "\x01\x02 not a mesh"), dir_.path(),
+          fs::path()}) {
         useFile(file);
         EXPECT_FALSE(tile.capture(pb_, 0)) << file;
         expectUnbuilt(tile);
-        EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), 0) << file;
+        EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), children) << file;
     }
 }
 
@@ -364,7 +300,7 @@ TEST_F(TileCapture, ABuiltTileIsKeptUntilReleased) {
 
 TEST(TileCaptureWithoutHost, AFilePatternNeedsAnInterface) {
     ASSERT_EQ(GetCOREInterface(), nullptr);
-    ObjectPtr obj = newMosaiq();
+    mosaiq::test::MosaiqPtr obj = newMosaiq();
     ParamBlock* pb = obj->GetParamBlock(0);
     pb->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
     pb->SetValue(mosaiq::kPatternFile, 0, "/usr/share/assimp/models/OBJ/box.obj");

@@ -1,9 +1,7 @@
 #include "host/import.h"
 
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
-#include <unistd.h>
-#include <fstream>
 #include <map>
 #include <set>
 
@@ -14,30 +12,15 @@ namespace fs = std::filesystem;
 
 const fs::path kModels = "/usr/share/assimp/models";
 
-void expectNear(const Point3& a, const Point3& b, float eps = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, eps);
-    EXPECT_NEAR(a.y, b.y, eps);
-    EXPECT_NEAR(a.z, b.z, eps);
-}
+using test::expectNear;
 
 // Writes small files into a fresh folder that is removed afterwards.
 class ImportFiles : public ::testing::Test {
 protected:
-    void SetUp() override {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        dir_ = fs::temp_directory_path() /
-               ("mq_import_" + std::to_string(getpid()) + "_" + info->name());
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     fs::path write(const std::string& name, const std::string& text) {
-        const fs::path p = dir_ / name;
-        std::ofstream(p, std::ios::binary) << text;
-        return p;
+        return dir_.write(name, text);
     }
-
-    fs::path dir_;
+    test::TempDir dir_;
 };
 
 const ImportedNode& nodeNamed(const ImportedScene& s, const std::string& name) {
@@ -157,10 +140,10 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
     EXPECT_EQ(names.size(), 3u);
 }
 
-TEST_F(ImportFiles, BadFilesThrowNamingTheFile) {
+TEST_F(ImportFiles, BadFilesThrowNamingTheFileAndNonFinitePositionsDropTheirFaces) {
     const std::vector<fs::path> bad = {
         dir_ / "missing.obj",
-        dir_,
+        dir_.path(),
         write("empty.obj", ""),
         write("garbage.obj", std::string("\x7f\x01\xff garbage\0\n f 9 9 9\n", 22)),
         write("garbage.glb", std::string("glTF\x02\0\0\0 not really", 19)),
@@ -175,19 +158,16 @@ TEST_F(ImportFiles, BadFilesThrowNamingTheFile) {
             EXPECT_NE(std::string(e.what()).find(p.string()), std::string::npos) << e.what();
         }
     }
-}
-
-TEST_F(ImportFiles, NonFinitePositionsDropOnlyTheirFaces) {
-    const fs::path obj = write("nan.obj",
-                               "v 0 0 0\nv 1 0 0\nv 1 1 0\nv nan 1 0\nv 0 inf 0\n"
-                               "f 1 2 3\nf 1 3 4\nf 1 5 2\n");
-    const ImportedScene scene = importMeshFile(obj);
+    // Non-finite positions drop only their own faces.
+    const ImportedScene scene =
+        importMeshFile(write("nan.obj",
+                             "v 0 0 0\nv 1 0 0\nv 1 1 0\nv nan 1 0\nv 0 inf 0\n"
+                             "f 1 2 3\nf 1 3 4\nf 1 5 2\n"));
     ASSERT_EQ(scene.nodes.size(), 1u);
     ASSERT_TRUE(scene.nodes[0].mesh);
-    const Mesh& mesh = *scene.nodes[0].mesh;
-    EXPECT_EQ(mesh.faces.size(), 1u);
-    EXPECT_EQ(mesh.verts.size(), 3u);
-    EXPECT_TRUE(mesh.validate().empty());
+    EXPECT_EQ(scene.nodes[0].mesh->faces.size(), 1u);
+    EXPECT_EQ(scene.nodes[0].mesh->verts.size(), 3u);
+    EXPECT_TRUE(scene.nodes[0].mesh->validate().empty());
 }
 
 TEST(ImportGltf, TwoUvSetsNormalsAndEmptyNodes) {

@@ -1,15 +1,11 @@
 #include "host/math.h"
 
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
 namespace mq {
 namespace {
 
-void expectNear(const Point3& a, const Point3& b, float eps = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, eps);
-    EXPECT_NEAR(a.y, b.y, eps);
-    EXPECT_NEAR(a.z, b.z, eps);
-}
+using test::expectNear;
 
 Matrix3 someAffine() {
     return RotateZMatrix(0.3f) * RotateXMatrix(-1.1f) * ScaleMatrix({2, 0.5f, 3}) *
@@ -60,29 +56,6 @@ TEST(Matrix3, OrthogonalizeKeepsMirroring) {
     Matrix3 m = ScaleMatrix({1, 1, -1});
     m.Orthogonalize();
     EXPECT_LT(m.Determinant(), 0);
-}
-
-TEST(Box3, EmptyGrowsAndCentres) {
-    Box3 b;
-    EXPECT_TRUE(b.IsEmpty());
-    b += Point3(-4, 2, 3);
-    b += Point3(6, 22, 33);
-    EXPECT_FALSE(b.IsEmpty());
-    EXPECT_EQ(b.Center(), Point3(1, 12, 18));
-    EXPECT_EQ(b.Width(), Point3(10, 20, 30));
-}
-
-TEST(Interval, InstantsAndForever) {
-    Interval iv;
-    EXPECT_EQ(iv, FOREVER);
-    iv.SetInstant(320);
-    EXPECT_EQ(iv.Start(), 320);
-    EXPECT_EQ(iv.End(), 320);
-    Interval f = FOREVER;
-    f &= Interval(10, 20);
-    EXPECT_EQ(f, Interval(10, 20));
-    f &= Interval(30, 40);
-    EXPECT_TRUE(f.Empty());
 }
 
 TEST(RandGenerator, FixedSequence) {

@@ -137,15 +137,6 @@ TEST_F(Fixture, UndoAfterTheBlockIsGoneIsHarmless) {
     EXPECT_TRUE(theHold.Redo());
 }
 
-TEST_F(Fixture, CloneIsIndependent) {
-    RemapDir remap;
-    auto* copy = static_cast<ParamBlock*>(remap.CloneRef(&pb));
-    copy->SetValue(3, 0, 5.0f, 2);
-    EXPECT_EQ(pb.GetFloat(3, 0, 2), 100.0f);
-    EXPECT_EQ(copy->GetFloat(3, 0, 2), 5.0f);
-    copy->DeleteThis();
-}
-
 struct CountingAccessor : PBAccessor {
     int sets = 0;
     void Set(ParamValue& v, ReferenceMaker*, ParamID, int, TimeValue) override {

@@ -2,22 +2,12 @@
 #include "host/interface.h"
 #include "host/plugins.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
+#include "support/test_util.h"
 
 namespace fs = std::filesystem;
 
 namespace mq {
 namespace {
-
-fs::path tempDir(const std::string& name) {
-    fs::path dir = fs::temp_directory_path() / ("mosaiq-scene-test-" + name);
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    return dir;
-}
 
 TEST(Scene, UniqueNamesCountUpFromTheStrippedBase) {
     Scene scene;
@@ -61,44 +51,12 @@ TEST(HostInterfaceTest, DeleteNodeKeepsChildrenInPlaceAndClearsReferences) {
     EXPECT_EQ(ip.GetRootNode()->NumberOfChildren(), 1);
 }
 
-TEST(HostInterfaceTest, MergeAppendsTopLevelNodesWithUniqueNames) {
-    const fs::path dir = tempDir("merge");
-    const fs::path obj = dir / "two.obj";
-    std::ofstream(obj) << "o Box\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
-                          "o Other\nv 0 0 1\nv 1 0 1\nv 0 1 1\nf 4 5 6\n";
-    HostInterface ip;
-    ip.GetRootNode()->attachChild(std::make_unique<Node>("Box"));
-
-    ASSERT_EQ(ip.MergeFromFile(obj.string(), true, false, false, MERGE_DUPS_RENAME, nullptr,
-                               MERGE_DUP_MTL_RENAME, MERGE_REPARENT_ALWAYS),
-              1)
-        << ip.lastError();
-    const int after = ip.GetRootNode()->NumberOfChildren();
-    EXPECT_GE(after, 3);
-    std::vector<std::string> names;
-    for (Node* n : ip.scene().allNodes()) names.push_back(n->GetName());
-    std::sort(names.begin(), names.end());
-    EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end())
-        << "merged names are unique";
-
-    // Every merged mesh converts to a triangle mesh and remembers its file.
-    int meshes = 0;
-    for (Node* n : ip.scene().allNodes()) {
-        auto* tri = dynamic_cast<TriObject*>(n->GetObjectRef());
-        if (!tri) continue;
-        ++meshes;
-        EXPECT_EQ(tri->source.file, fs::absolute(obj));
-        EXPECT_TRUE(meshOfObject(n->EvalWorldState(0).obj, 0).has_value());
-    }
-    EXPECT_EQ(meshes, 2);
-}
-
 TEST(HostInterfaceTest, FailedMergeChangesNothing) {
-    const fs::path dir = tempDir("merge-bad");
-    std::ofstream(dir / "garbage.obj") << "this is not a mesh \x01\x02\n";
+    test::TempDir dir;
+    dir.write("garbage.obj", "this is not a mesh \x01\x02\n");
     HostInterface ip;
     ip.GetRootNode()->attachChild(std::make_unique<Node>("Keep"));
-    for (const fs::path& bad : {dir / "missing.obj", dir / "garbage.obj", dir}) {
+    for (const fs::path& bad : {dir / "missing.obj", dir / "garbage.obj", dir.path()}) {
         EXPECT_EQ(ip.MergeFromFile(bad.string(), true), 0) << bad;
         EXPECT_NE(ip.lastError().find(bad.filename().string()), std::string::npos)
             << ip.lastError();
@@ -115,36 +73,6 @@ TEST(HostInterfaceTest, ConfigFolderFollowsXdg) {
     unsetenv("XDG_CONFIG_HOME");
     EXPECT_TRUE(ip.IsDirectory("/tmp"));
     EXPECT_FALSE(ip.DoesFileExist("/tmp"));
-}
-
-TEST(HostInterfaceTest, RollupPagesAndPostLoadCallbacks) {
-    HostInterface ip;
-    const int page = ip.AddRollupPage(116, "About", nullptr, APPENDROLL_CLOSED, 4000);
-    ip.RegisterDlgWnd(page);
-    ASSERT_NE(ip.findRollupPage(page), nullptr);
-    EXPECT_TRUE(ip.findRollupPage(page)->registered);
-    EXPECT_EQ(ip.UnRegisterDlgWnd(page), 1);
-    ip.DeleteRollupPage(page);
-    EXPECT_EQ(ip.findRollupPage(page), nullptr);
-
-    struct Cb : PostLoadCallback {
-        int* runs;
-        explicit Cb(int* r) : runs(r) {}
-        void proc(ILoad*) override {
-            ++*runs;
-            delete this;
-        }
-    };
-    int runs = 0;
-    {
-        ILoad iload;
-        iload.RegisterPostLoadCallback(new Cb(&runs));
-        iload.RegisterPostLoadCallback(new Cb(&runs));
-        iload.runPostLoadCallbacks();
-    }
-    EXPECT_EQ(runs, 2);
-    ILoad never; // callbacks that never run are freed with the loader
-    never.RegisterPostLoadCallback(new Cb(&runs));
 }
 
 TEST(ClassRegistry, BuiltinPrimitivesConvertToMeshes) {
@@ -164,13 +92,13 @@ TEST(ClassRegistry, BuiltinPrimitivesConvertToMeshes) {
 }
 
 TEST(PluginLoader, BrokenLibrariesAreSkippedWithTheirReason) {
-    const fs::path dir = tempDir("plugins");
-    std::ofstream(dir / "garbage.dlo") << "not an ELF file";
+    test::TempDir dir;
+    dir.write("garbage.dlo", "not an ELF file");
     for (const char* name : {"fake_wrong_version.dlo", "fake_no_init.dlo", "fake_init_fails.dlo"})
         fs::copy_file(fs::path(MOSAIQ_FAKE_PLUGIN_DIR) / name, dir / name);
 
     PluginManager pm;
-    const std::vector<std::string> msgs = pm.loadFolder(dir);
+    const std::vector<std::string> msgs = pm.loadFolder(dir.path());
     ASSERT_EQ(msgs.size(), 4u);
     auto has = [&](const char* file, const char* why) {
         for (const std::string& m : msgs)

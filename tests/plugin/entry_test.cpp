@@ -16,18 +16,12 @@ namespace {
 
 using namespace mosaiq;
 
-TEST(LibEntry, OneClassAtIndexZeroOnly) {
+TEST(LibEntry, OneClassAtIndexZeroOnlyVersionAndLifeCycle) {
     EXPECT_EQ(LibNumberClasses(), 1);
-    ASSERT_NE(LibClassDesc(0), nullptr);
     EXPECT_EQ(LibClassDesc(0), &GetMosaiqDesc());
-    EXPECT_EQ(LibClassDesc(0), LibClassDesc(0));
     EXPECT_EQ(LibClassDesc(1), nullptr);
     EXPECT_EQ(LibClassDesc(-1), nullptr);
-}
-
-TEST(LibEntry, VersionAndLifeCycle) {
     EXPECT_EQ(LibVersion(), 0x36B02600ul);
-    EXPECT_EQ(LibVersion(), mq::kHostVersion);
     EXPECT_EQ(LibInitialize(), 1);
     EXPECT_EQ(LibShutdown(), 1);
     EXPECT_STREQ(LibDescription(), "Mosaiq");
@@ -77,8 +71,6 @@ TEST(MosaiqClassDesc, IdentityThatSavedScenesUse) {
     EXPECT_STREQ(cd.ClassName(), "Mosaiq");
     EXPECT_STREQ(cd.InternalName(), "PatternPattern");
     EXPECT_STREQ(cd.Category(), "VRay");
-    EXPECT_EQ(cd.IsPublic(), 1);
-    EXPECT_EQ(cd.InitialRollupPageState(), 0x7FFFFFFFu);
     ASSERT_EQ(cd.NumParamBlockDescs(), 1);
     EXPECT_EQ(cd.GetParamBlockDescByID(0), &patternPBDesc());
 }

@@ -1,52 +1,22 @@
-// The parameter block: its descriptor, defaults, ranges, control bindings,
-// the "Pattern" accessor and undo of parameter changes.
+// The parameter block: saved ids, defaults, ranges, control bindings, the
+// "Pattern" accessor and undo of parameter changes.
 #include "plugin/params.h"
+
 #include "host/hold.h"
 #include "host/node.h"
-#include "object/mosaiq.h"
-#include "plugin/classdesc.h"
 #include "plugin/entry.h"
+#include "support/mosaiq_test.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
-#include <string>
 
 namespace {
 
 using namespace mosaiq;
+using mosaiq::test::MosaiqPtr;
+using mosaiq::test::newMosaiq;
 using mq::ParamBlock;
-
-struct DeleteThis {
-    void operator()(mq::Animatable* a) const {
-        if (a) a->DeleteThis();
-    }
-};
-using MosaiqPtr = std::unique_ptr<Mosaiq, DeleteThis>;
-
-MosaiqPtr newMosaiq() {
-    return MosaiqPtr(
-        dynamic_cast<Mosaiq*>(static_cast<mq::Object*>(GetMosaiqDesc().Create(false))));
-}
-
-TEST(PatternBlockDesc, ShapeAndRollouts) {
-    const mq::ParamBlockDesc& d = patternPBDesc();
-    EXPECT_EQ(d.ID, 0);
-    EXPECT_EQ(d.int_name, "parameters");
-    EXPECT_EQ(d.local_name, 0);
-    EXPECT_EQ(d.cd, &GetMosaiqDesc());
-    EXPECT_EQ(d.flags, 0x26u);
-    EXPECT_EQ(d.ref_no, 0);
-    ASSERT_EQ(d.maps.size(), 3u);
-    const int expected[3][3] = {{0, 114, 4}, {1, 147, 36}, {2, 146, 5}};
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(d.maps[i].id, expected[i][0]);
-        EXPECT_EQ(d.maps[i].dialogResource, expected[i][1]);
-        EXPECT_EQ(d.maps[i].titleStringId, expected[i][2]);
-        EXPECT_EQ(d.maps[i].flags, 0u);
-    }
-}
 
 TEST(PatternBlockDesc, SavedIdsAndNamesAndNoParameterTwo) {
     // Ids and names are what saved scenes and scripts hold: they never move.
@@ -58,6 +28,8 @@ TEST(PatternBlockDesc, SavedIdsAndNamesAndNoParameterTwo) {
         {10, "Tiling"},         {11, "Poli_ID"},        {12, "Random_Segment_Count"},
         {13, "UV_Random_Seed"}, {14, "Dummy_Size"},     {15, "Texture_Size"}};
     const mq::ParamBlockDesc& d = patternPBDesc();
+    EXPECT_EQ(d.ID, 0);
+    EXPECT_EQ(d.int_name, "parameters");
     ASSERT_EQ(d.Count(), static_cast<int>(saved.size()));
     for (const auto& [id, name] : saved) {
         const mq::ParamDef* def = d.findByName(name);
@@ -66,10 +38,14 @@ TEST(PatternBlockDesc, SavedIdsAndNamesAndNoParameterTwo) {
         EXPECT_EQ(def->flags, 0u) << name << " must not be animatable";
     }
     EXPECT_EQ(d.GetParamDef(2), nullptr);
-    // Declaration order is kept: the first three are the pattern switch, source and node.
-    EXPECT_EQ(d.params()[0].id, 0);
-    EXPECT_EQ(d.params()[1].id, 17);
-    EXPECT_EQ(d.params()[2].id, 1);
+
+    MosaiqPtr obj = newMosaiq();
+    ParamBlock* pb = obj->GetParamBlock(0);
+    int i = 0;
+    mq::Interval valid;
+    EXPECT_FALSE(pb->GetValue(2, 0, i, valid));
+    EXPECT_FALSE(pb->SetValue(2, 0, 1));
+    EXPECT_FALSE(pb->assignFromScript(2, 0, 1).ok);
 }
 
 TEST(PatternBlock, NewObjectDefaults) {
@@ -100,16 +76,13 @@ TEST(PatternBlock, NewObjectDefaults) {
     EXPECT_EQ(std::get<std::string>(patternPBDesc().GetParamDef(kPatternFile)->defaultValue), "");
 }
 
-// A value typed at the scripting entry and what the block keeps of it.
-struct ScriptCase {
-    mq::ParamID id;
-    int tabIndex;
-    mq::ParamValue typed;
-    mq::ParamValue kept;
-};
-
 TEST(PatternBlock, ScriptingClampsIntoRangeWithWarning) {
-    const ScriptCase cases[] = {
+    // A value typed at the scripting entry and what the block keeps of it.
+    const struct {
+        mq::ParamID id;
+        int tabIndex;
+        mq::ParamValue typed, kept;
+    } cases[] = {
         {kTextureSize, 0, 3, 4},
         {kTextureSize, 0, 4096, 2048},
         {kMapChannel, 0, 0, 1},
@@ -124,7 +97,7 @@ TEST(PatternBlock, ScriptingClampsIntoRangeWithWarning) {
     };
     MosaiqPtr obj = newMosaiq();
     ParamBlock* pb = obj->GetParamBlock(0);
-    for (const ScriptCase& c : cases) {
+    for (const auto& c : cases) {
         const std::string name = patternPBDesc().GetParamDef(c.id)->internalName;
         SCOPED_TRACE(name + "[" + std::to_string(c.tabIndex) +
                      "] = " + mq::formatParamValue(c.typed));
@@ -137,47 +110,12 @@ TEST(PatternBlock, ScriptingClampsIntoRangeWithWarning) {
     }
 }
 
-TEST(PatternBlock, ParameterTwoDoesNotExist) {
-    MosaiqPtr obj = newMosaiq();
-    ParamBlock* pb = obj->GetParamBlock(0);
-    int i = 0;
-    mq::Interval valid;
-    EXPECT_FALSE(pb->GetValue(2, 0, i, valid));
-    EXPECT_FALSE(pb->SetValue(2, 0, 1));
-    EXPECT_FALSE(pb->assignFromScript(2, 0, 1).ok);
-}
-
-TEST(PatternBlock, ChangesUndoAndRedoAsOneStep) {
-    mq::theHold.Reset();
-    MosaiqPtr obj = newMosaiq();
-    ParamBlock* pb = obj->GetParamBlock(0);
-
-    mq::theHold.Begin();
-    pb->SetValue(kHeight, 0, 50.0f);
-    pb->SetValue(kCropSize, 0, 5.0f, 2);
-    pb->SetValue(kPatternFile, 0, "/tiles/brick.glb");
-    mq::theHold.Accept("Edit Pattern");
-    EXPECT_EQ(mq::theHold.undoName(), "Edit Pattern");
-
-    ASSERT_TRUE(mq::theHold.Undo());
-    EXPECT_EQ(pb->GetFloat(kHeight), 100.0f);
-    EXPECT_EQ(pb->GetFloat(kCropSize, 0, 2), 100.0f);
-    EXPECT_EQ(pb->GetStr(kPatternFile), "/");
-
-    ASSERT_TRUE(mq::theHold.Redo());
-    EXPECT_EQ(pb->GetFloat(kHeight), 50.0f);
-    EXPECT_EQ(pb->GetFloat(kCropSize, 0, 2), 5.0f);
-    EXPECT_EQ(pb->GetStr(kPatternFile), "/tiles/brick.glb");
-    mq::theHold.Reset();
-}
-
 TEST(PatternBlock, UndoingAPickRestoresTheNodeAtTheNextEvaluation) {
     mq::theHold.Reset();
     mq::Node first("first"), second("second");
     MosaiqPtr obj = newMosaiq();
     ParamBlock* pb = obj->GetParamBlock(0);
     pb->SetValue(kPattern, 0, &first);
-
     mq::theHold.Begin();
     pb->SetValue(kPattern, 0, &second);
     mq::theHold.Accept("Pick Pattern");
@@ -210,71 +148,30 @@ TEST(PatternPBAccessor, PickStoresTheNodeInTheOwnerOnly) {
     EXPECT_EQ(obj->patternNode(), nullptr);
 }
 
-// Control bindings, as InitParamBlockUI leaves them.
-class ControlBindings : public ::testing::Test {
-protected:
-    void SetUp() override { InitParamBlockUI(&patternPBDesc()); }
-    const mq::ParamUIBinding& ui(mq::ParamID id) {
-        const mq::ParamDef* def = patternPBDesc().GetParamDef(id);
-        EXPECT_NE(def, nullptr);
-        EXPECT_TRUE(def->ui.has_value()) << def->internalName;
-        return *def->ui;
-    }
-};
-
-TEST_F(ControlBindings, EveryParameterButTheCropTransformHasAControl) {
-    for (const mq::ParamDef& def : patternPBDesc().params()) {
-        if (def.id == kCropTransform)
-            EXPECT_FALSE(def.ui.has_value()) << "changed only by the crop-box operations";
-        else
-            EXPECT_TRUE(def.ui.has_value()) << def.internalName;
-    }
-}
-
-TEST_F(ControlBindings, NoControlServesTwoParametersOfOneRollout) {
+// Control bindings, as InitParamBlockUI leaves them and ClearParamBlockUI restores them.
+TEST(ControlBindings, EveryParameterButTheCropTransformHasItsOwnControls) {
+    InitParamBlockUI(&patternPBDesc());
     std::map<int, std::map<int, std::string>> used;  // map -> control -> parameter
+    std::map<int, std::vector<int>> bound;
     for (const mq::ParamDef& def : patternPBDesc().params()) {
+        // The crop transform is changed only by the crop-box operations.
+        ASSERT_EQ(def.ui.has_value(), def.id != kCropTransform) << def.internalName;
         if (!def.ui) continue;
+        bound[def.id] = def.ui->controls;
+        if (def.ui->control == mq::TYPE_SPINNER) {  // an edit box and a spinner per element
+            EXPECT_EQ(def.ui->controls.size(), 2u * def.count()) << def.internalName;
+        }
         for (int control : def.ui->controls) {
             auto [it, fresh] = used[def.ui->map].emplace(control, def.internalName);
             EXPECT_TRUE(fresh) << control << " in map " << def.ui->map << " serves " << it->second
                                << " and " << def.internalName;
         }
     }
-}
-
-TEST_F(ControlBindings, SpinnersPairEveryElementAndEditTheRightUnits) {
-    for (const mq::ParamDef& def : patternPBDesc().params()) {
-        if (!def.ui || def.ui->control != mq::TYPE_SPINNER) continue;
-        SCOPED_TRACE(def.internalName);
-        EXPECT_TRUE(def.ui->autoScale);
-        EXPECT_EQ(def.ui->controls.size(), 2u * def.count());
-        // "Height" is a percentage typed as a world value: its spinner edits a plain float.
-        const mq::EditSpinnerType units = def.type == mq::TYPE_INT ? mq::EDITTYPE_INT
-                                          : def.type == mq::TYPE_WORLD && def.id != kHeight
-                                              ? mq::EDITTYPE_UNIVERSE
-                                              : mq::EDITTYPE_FLOAT;
-        EXPECT_EQ(def.ui->spinnerType, units);
-    }
-}
-
-TEST_F(ControlBindings, NodePicksAndSourceButtons) {
-    EXPECT_EQ(ui(kPattern).control, 7);  // the host's node pick button
-    EXPECT_EQ(ui(kSurface).control, mq::TYPE_PICKNODEBUTTON);
-    EXPECT_EQ(ui(kSurface).map, kSurfaceMap);
-    EXPECT_EQ(ui(kPatternSource).radioValues, (std::vector<int>{kSourceScene, kSourceFile}));
-    EXPECT_EQ(ui(kPatternSource).labels, "From Scene\nFrom File");
-}
-
-TEST_F(ControlBindings, ClearingRebindsTheSameControls) {
-    std::map<int, std::vector<int>> before;
-    for (const mq::ParamDef& def : patternPBDesc().params())
-        if (def.ui) before[def.id] = def.ui->controls;
     ClearParamBlockUI(&patternPBDesc());
     for (const mq::ParamDef& def : patternPBDesc().params()) {
-        ASSERT_EQ(def.ui.has_value(), before.count(def.id) == 1) << def.internalName;
+        ASSERT_EQ(def.ui.has_value(), bound.count(def.id) == 1) << def.internalName;
         if (def.ui) {
-            EXPECT_EQ(def.ui->controls, before[def.id]) << def.internalName;
+            EXPECT_EQ(def.ui->controls, bound[def.id]) << def.internalName;
         }
     }
 }

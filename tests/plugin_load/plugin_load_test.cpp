@@ -5,13 +5,9 @@
 #include "host/paramblock.h"
 #include "host/plugins.h"
 
-#include <dlfcn.h>
-#include <gtest/gtest.h>
+#include "support/test_util.h"
 
-#include <unistd.h>
-#include <filesystem>
-#include <fstream>
-#include <string>
+#include <dlfcn.h>
 
 namespace fs = std::filesystem;
 
@@ -19,23 +15,6 @@ namespace {
 
 const fs::path kLibrary = fs::path(MOSAIQ_BIN_DIR) / "Mosaiq.dlo";
 const mq::ClassId kMosaiqClassId{0x4E307640, 0x2A77304F};
-
-// A fresh folder removed at the end of the test.
-class TempFolder {
-public:
-    TempFolder() {
-        std::string pattern = (fs::temp_directory_path() / "mosaiq-plugins-XXXXXX").string();
-        path_ = mkdtemp(pattern.data()) ? fs::path(pattern) : fs::path();
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        if (!path_.empty()) fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 TEST(PluginLoad, ExportsWhatTheHostLooksUp) {
     void* lib = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -105,9 +84,8 @@ TEST(PluginLoad, ManagerRegistersTheClassUntilUnload) {
 }
 
 TEST(PluginLoad, FolderSkipsAFileThatIsNotALibrary) {
-    TempFolder folder;
-    ASSERT_FALSE(folder.path().empty());
-    std::ofstream(folder.path() / "x.dlo") << "this is not an ELF shared object\n";
+    mq::test::TempDir folder;
+    folder.write("x.dlo", "this is not an ELF shared object\n");
     fs::copy_file(kLibrary, folder.path() / "y.dlo");
 
     mq::PluginManager manager;
