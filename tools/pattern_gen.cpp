@@ -349,8 +349,8 @@ std::vector<Pattern> allPatterns() {
 
 void writeObj(const Pattern& pattern, const std::filesystem::path& file) {
     const Mesh& m = pattern.mesh;
-    const MeshNormalSpec* spec = m.GetSpecifiedNormals();
-    if (!spec) throw std::runtime_error(file.string() + ": pattern has no normals");
+    const MeshNormalSpec* nspec = m.GetSpecifiedNormals();
+    if (!nspec) throw std::runtime_error(file.string() + ": pattern has no normals");
     std::FILE* f = std::fopen(file.string().c_str(), "w");
     if (!f) throw std::runtime_error(file.string() + ": cannot open for writing");
     // Z-up (x, y, z) is written Y-up as (x, z, -y).
@@ -362,8 +362,8 @@ void writeObj(const Pattern& pattern, const std::filesystem::path& file) {
     std::fprintf(f, "o %s\n", pattern.name.c_str());
     for (const Point3& p : m.verts) std::fprintf(f, "v %.7g %.7g %.7g\n", p.x, p.z, -p.y);
     for (const Point3& t : m.Map(1).verts) std::fprintf(f, "vt %.7g %.7g\n", t.x, t.y);
-    for (int i = 0; i < spec->GetNumNormals(); ++i) {
-        const Point3& n = spec->Normal(i);
+    for (int i = 0; i < nspec->GetNumNormals(); ++i) {
+        const Point3& n = nspec->Normal(i);
         std::fprintf(f, "vn %.6g %.6g %.6g\n", n.x, n.z, -n.y);
     }
     for (int i = 0; i < m.getNumFaces(); ++i) {
@@ -372,7 +372,7 @@ void writeObj(const Pattern& pattern, const std::filesystem::path& file) {
         std::fprintf(f, "f");
         for (int k = 0; k < 3; ++k) {
             std::fprintf(f, " %u/%u/%d", fc.v[k] + 1, tf.t[k] + 1,
-                         spec->GetNormalIndex(i, k) + 1);
+                         nspec->GetNormalIndex(i, k) + 1);
         }
         std::fprintf(f, "\n");
     }

@@ -109,9 +109,9 @@ bool surfDist::build(Mesh& mesh, int mapChannel, const Point3& tilePeriod) {
 
     // Normals present and checked: every face corner has a normal index.
     mesh.SpecifyNormals();
-    MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
-    spec->CheckNormals();
-    normals = spec;
+    MeshNormalSpec* nspec = mesh.GetSpecifiedNormals();
+    nspec->CheckNormals();
+    normals = nspec;
 
     // Scale per face: the geometric mean of how far UV (in tile units)
     // stretches into world along the UV frame's two axes.
@@ -143,13 +143,13 @@ bool surfDist::build(Mesh& mesh, int mapChannel, const Point3& tilePeriod) {
     }
 
     // Per normal, the mean scale of the face corners that use it.
-    const int numNormals = spec->GetNumNormals();
+    const int numNormals = nspec->GetNumNormals();
     normalScale.assign(numNormals, 0.0f);
     {
         std::vector<int32_t> cornerCount(numNormals, 0);
         for (int f = 0; f < numFaces; ++f) {
             for (int c = 0; c < 3; ++c) {
-                const int n = spec->GetNormalIndex(f, c);
+                const int n = nspec->GetNormalIndex(f, c);
                 normalScale[n] += faceScale[f];
                 ++cornerCount[n];
             }

@@ -23,16 +23,16 @@ void flipFaces(Mesh& mesh) {
         if (!mesh.mapSupport(channel)) continue;
         for (TVFace& tv : mesh.Map(channel).faces) std::swap(tv.t[1], tv.t[2]);
     }
-    MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
-    if (spec && spec->IsExplicit()) {
-        std::vector<Point3> normals(spec->GetNumNormals());
-        for (int i = 0; i < spec->GetNumNormals(); ++i) normals[i] = spec->Normal(i);
-        std::vector<std::array<int, 3>> corners(spec->GetNumFaces());
-        for (int f = 0; f < spec->GetNumFaces(); ++f) {
-            corners[f] = {spec->GetNormalIndex(f, 0), spec->GetNormalIndex(f, 2),
-                          spec->GetNormalIndex(f, 1)};
+    MeshNormalSpec* nspec = mesh.GetSpecifiedNormals();
+    if (nspec && nspec->IsExplicit()) {
+        std::vector<Point3> normals(nspec->GetNumNormals());
+        for (int i = 0; i < nspec->GetNumNormals(); ++i) normals[i] = nspec->Normal(i);
+        std::vector<std::array<int, 3>> corners(nspec->GetNumFaces());
+        for (int f = 0; f < nspec->GetNumFaces(); ++f) {
+            corners[f] = {nspec->GetNormalIndex(f, 0), nspec->GetNormalIndex(f, 2),
+                          nspec->GetNormalIndex(f, 1)};
         }
-        spec->SetNormals(std::move(normals), std::move(corners));
+        nspec->SetNormals(std::move(normals), std::move(corners));
     }
 }
 
@@ -76,11 +76,11 @@ bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh) {
     for (Point3& p : mesh.verts) p = p * objectToWorld;
     // Explicit normals follow the surface; computed ones are redone from the
     // world mesh when the normals are checked.
-    MeshNormalSpec* spec = mesh.GetSpecifiedNormals();
-    if (spec && spec->IsExplicit()) {
+    MeshNormalSpec* nspec = mesh.GetSpecifiedNormals();
+    if (nspec && nspec->IsExplicit()) {
         const Matrix3 normalToWorld = Transpose3(Inverse(objectToWorld));
-        for (int i = 0; i < spec->GetNumNormals(); ++i) {
-            spec->Normal(i) = Normalize(normalToWorld.VectorTransform(spec->Normal(i)));
+        for (int i = 0; i < nspec->GetNumNormals(); ++i) {
+            nspec->Normal(i) = Normalize(normalToWorld.VectorTransform(nspec->Normal(i)));
         }
     }
     if (objectToWorld.Determinant() < 0.0f) flipFaces(mesh);

@@ -32,13 +32,13 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
     if (ext == ".exr") {
         // RGBA, then the passes as layers.
         const int nc = 9;
-        OIIO::ImageSpec spec(img.width, img.height, nc, OIIO::TypeDesc::FLOAT);
-        spec.channelnames = {"R", "G", "B", "A", "normal.X", "normal.Y", "normal.Z", "depth.Z",
+        OIIO::ImageSpec imageSpec(img.width, img.height, nc, OIIO::TypeDesc::FLOAT);
+        imageSpec.channelnames = {"R", "G", "B", "A", "normal.X", "normal.Y", "normal.Z", "depth.Z",
                              "objectId.id"};
-        spec.alpha_channel = 3;
-        spec.z_channel = 7;
-        spec.attribute("compression", "zip");
-        for (const auto& [k, v] : metadata) spec.attribute(k, v);
+        imageSpec.alpha_channel = 3;
+        imageSpec.z_channel = 7;
+        imageSpec.attribute("compression", "zip");
+        for (const auto& [k, v] : metadata) imageSpec.attribute(k, v);
         std::vector<float> px(n * nc);
         for (size_t i = 0; i < n; ++i) {
             float* d = &px[i * nc];
@@ -47,7 +47,7 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
             d[7] = img.depth[i];
             d[8] = img.objectId[i];
         }
-        if (!out->open(file.string(), spec) ||
+        if (!out->open(file.string(), imageSpec) ||
             !out->write_image(OIIO::TypeDesc::FLOAT, px.data()) || !out->close()) {
             throw RenderError(out->geterror());
         }
@@ -55,10 +55,10 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
     }
     // 8-bit sRGB colour; JPEG has no alpha.
     const int nc = ext == ".png" ? 4 : 3;
-    OIIO::ImageSpec spec(img.width, img.height, nc, OIIO::TypeDesc::UINT8);
-    spec.attribute("oiio:ColorSpace", "sRGB");
-    if (nc == 4) spec.alpha_channel = 3;
-    for (const auto& [k, v] : metadata) spec.attribute(k, v);
+    OIIO::ImageSpec imageSpec(img.width, img.height, nc, OIIO::TypeDesc::UINT8);
+    imageSpec.attribute("oiio:ColorSpace", "sRGB");
+    if (nc == 4) imageSpec.alpha_channel = 3;
+    for (const auto& [k, v] : metadata) imageSpec.attribute(k, v);
     std::vector<uint8_t> px(n * nc);
     for (size_t i = 0; i < n; ++i) {
         for (int c = 0; c < 3; ++c) px[i * nc + c] = toSrgb8(img.rgba[4 * i + c]);
@@ -66,7 +66,7 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
             px[i * nc + 3] = uint8_t(std::lround(std::clamp(img.rgba[4 * i + 3], 0.0f, 1.0f) * 255.0f));
         }
     }
-    if (!out->open(file.string(), spec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
+    if (!out->open(file.string(), imageSpec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
         !out->close()) {
         throw RenderError(out->geterror());
     }

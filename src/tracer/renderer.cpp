@@ -91,12 +91,12 @@ public:
         normalTM.NoTrans();
         flip_ = objectToWorld.Determinant() < 0.0f;
         mesh_.SpecifyNormals();
-        MeshNormalSpec* spec = mesh_.GetSpecifiedNormals();
-        spec->SetParent(&mesh_);
-        spec->CheckNormals();
-        normals_.resize(spec->GetNumNormals());
-        for (int i = 0; i < spec->GetNumNormals(); ++i) {
-            normals_[i] = Normalize(VectorTransform(normalTM, spec->Normal(i)));
+        MeshNormalSpec* nspec = mesh_.GetSpecifiedNormals();
+        nspec->SetParent(&mesh_);
+        nspec->CheckNormals();
+        normals_.resize(nspec->GetNumNormals());
+        for (int i = 0; i < nspec->GetNumNormals(); ++i) {
+            normals_[i] = Normalize(VectorTransform(normalTM, nspec->Normal(i)));
         }
     }
 
@@ -110,12 +110,12 @@ public:
         Point3 ng = Normalize(CrossProd(e1, e2));
         if (flip_) ng = -ng;
         isect.geometricNormal = ng;
-        const MeshNormalSpec* spec = mesh_.GetSpecifiedNormals();
+        const MeshNormalSpec* nspec = mesh_.GetSpecifiedNormals();
         Point3 ns = ng;
-        if (spec && face < spec->GetNumFaces()) {
-            const Point3 n = normals_[spec->GetNormalIndex(face, 0)] * (1.0f - u - v) +
-                             normals_[spec->GetNormalIndex(face, 1)] * u +
-                             normals_[spec->GetNormalIndex(face, 2)] * v;
+        if (nspec && face < nspec->GetNumFaces()) {
+            const Point3 n = normals_[nspec->GetNormalIndex(face, 0)] * (1.0f - u - v) +
+                             normals_[nspec->GetNormalIndex(face, 1)] * u +
+                             normals_[nspec->GetNormalIndex(face, 2)] * v;
             if (LengthSquared(n) > 0.0f) ns = Normalize(n);
         }
         isect.shadingNormal = ns;

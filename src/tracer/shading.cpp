@@ -76,8 +76,8 @@ Point3 Bsdf::eval(const Point3& wo, const Point3& wi) const {
         const float cosOH = std::max(DotProd(wo, h), 0.0f);
         const float s = std::pow(1.0f - cosOH, 5.0f);
         const Point3 fresnel = f0_ + (Point3(1, 1, 1) - f0_) * s;
-        const float spec = ggxD(h.z) * smithG1(wo.z) * smithG1(wi.z) / (4.0f * wo.z * wi.z);
-        f += fresnel * spec;
+        const float nspec = ggxD(h.z) * smithG1(wo.z) * smithG1(wi.z) / (4.0f * wo.z * wi.z);
+        f += fresnel * nspec;
     }
     return f;
 }

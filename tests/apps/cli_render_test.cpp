@@ -50,10 +50,10 @@ Picture readPng(const fs::path& file) {
         ADD_FAILURE() << "cannot read " << file;
         return p;
     }
-    const OIIO::ImageSpec& spec = in->spec();
-    p.width = spec.width;
-    p.height = spec.height;
-    EXPECT_EQ(spec.nchannels, 4);
+    const OIIO::ImageSpec& imageSpec = in->spec();
+    p.width = imageSpec.width;
+    p.height = imageSpec.height;
+    EXPECT_EQ(imageSpec.nchannels, 4);
     p.rgba.resize(size_t(p.width) * p.height * 4);
     EXPECT_TRUE(in->read_image(0, 0, 0, 4, OIIO::TypeDesc::UINT8, p.rgba.data()));
     return p;

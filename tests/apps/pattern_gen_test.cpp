@@ -50,12 +50,12 @@ TEST_P(PatternGen, UvsAndOutwardNormals) {
     const mq::Mesh& m = p.mesh;
     ASSERT_TRUE(m.mapSupport(1));
     ASSERT_EQ(m.Map(1).faces.size(), m.faces.size());
-    const mq::MeshNormalSpec* spec = m.GetSpecifiedNormals();
-    ASSERT_NE(spec, nullptr);
-    ASSERT_TRUE(spec->IsExplicit());
-    ASSERT_EQ(spec->GetNumFaces(), m.getNumFaces());
-    for (int i = 0; i < spec->GetNumNormals(); ++i)
-        ASSERT_NEAR(mq::Length(spec->Normal(i)), 1.0f, 1e-4f) << p.name;
+    const mq::MeshNormalSpec* nspec = m.GetSpecifiedNormals();
+    ASSERT_NE(nspec, nullptr);
+    ASSERT_TRUE(nspec->IsExplicit());
+    ASSERT_EQ(nspec->GetNumFaces(), m.getNumFaces());
+    for (int i = 0; i < nspec->GetNumNormals(); ++i)
+        ASSERT_NEAR(mq::Length(nspec->Normal(i)), 1.0f, 1e-4f) << p.name;
     // Winding agrees with the given normals: faces point where the surface does.
     int agree = 0;
     for (int f = 0; f < m.getNumFaces(); ++f) {
@@ -63,7 +63,7 @@ TEST_P(PatternGen, UvsAndOutwardNormals) {
         const Point3 ng = mq::CrossProd(m.verts[face.v[1]] - m.verts[face.v[0]],
                                         m.verts[face.v[2]] - m.verts[face.v[0]]);
         Point3 ns;
-        for (int k = 0; k < 3; ++k) ns += spec->Normal(spec->GetNormalIndex(f, k));
+        for (int k = 0; k < 3; ++k) ns += nspec->Normal(nspec->GetNormalIndex(f, k));
         agree += mq::DotProd(ng, ns) > 0.0f;
     }
     EXPECT_GE(agree, m.getNumFaces() * 97 / 100) << p.name;

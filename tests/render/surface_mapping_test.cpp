@@ -364,16 +364,16 @@ TEST(SurfaceMappingScene, ExplicitNormalsFollowTheTransform) {
         SurfaceScene scene(mesh, tm);
         Mesh world;
         ASSERT_TRUE(surfaceWorldMesh(scene.pblock, 0, world));
-        const MeshNormalSpec* spec = world.GetSpecifiedNormals();
-        ASSERT_NE(spec, nullptr);
-        ASSERT_TRUE(spec->IsExplicit());
+        const MeshNormalSpec* nspec = world.GetSpecifiedNormals();
+        ASSERT_NE(nspec, nullptr);
+        ASSERT_TRUE(nspec->IsExplicit());
         for (int f = 0; f < faces; ++f) {
             const Face& face = world.faces[f];
             const Point3 a = world.verts[face.v[0]];
             const Point3 n =
                 Normalize(CrossProd(world.verts[face.v[1]] - a, world.verts[face.v[2]] - a));
             for (int c = 0; c < 3; ++c) {
-                EXPECT_NEAR(DotProd(spec->Normal(spec->GetNormalIndex(f, c)), n), 1.0f, 1e-5f);
+                EXPECT_NEAR(DotProd(nspec->Normal(nspec->GetNormalIndex(f, c)), n), 1.0f, 1e-5f);
             }
         }
     }
