@@ -29,25 +29,6 @@ const Point3 kCollapsedCorner{0.0f, 0.0f, 0.0f};
 const Point3 kFallbackNormal{0.0f, 0.0f, 1.0f};
 const Point3 kZeroUVW{0.0f, 0.0f, 0.0f};
 
-// Deep-copies obj's triangle mesh at t into out, converting when needed and
-// deleting a converted object that is not obj itself. False when obj cannot
-// become a triangle object.
-bool copyTriangleMesh(Object* obj, TimeValue t, Mesh& out) {
-    if (!obj || !obj->CanConvertToType(TRIOBJ_CLASS_ID)) return false;
-    Object* converted = obj->ConvertToType(t, TRIOBJ_CLASS_ID);
-    struct DeleteTemporary {
-        Object* converted;
-        Object* original;
-        ~DeleteTemporary() {
-            if (converted && converted != original) converted->DeleteThis();
-        }
-    } cleanup{converted, obj};
-    auto* tri = dynamic_cast<TriObject*>(converted);
-    if (!tri) return false;
-    out.DeepCopy(tri->GetMesh(), kCaptureChannels);
-    return true;
-}
-
 // The mesh of the "Pattern" node and its object transform at t.
 bool sceneMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, Matrix3& nodeTM) {
     Node* node = pblock.GetINode(mosaiq::kPattern, 0);
@@ -55,7 +36,7 @@ bool sceneMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, Matrix3& nodeTM) {
     const ObjectState state = node->EvalWorldState(t, true);
     if (!state.obj) return false;
     nodeTM = node->GetObjectTM(t);
-    if (!copyTriangleMesh(state.obj, t, mesh)) return false;
+    if (!copyTriangleMesh(state.obj, t, mesh, kCaptureChannels)) return false;
     return mesh.getNumFaces() > 0;
 }
 
@@ -81,7 +62,7 @@ bool fileMesh(ParamBlock& pblock, Mesh& mesh) {
         if (!taken && !error) {
             try {
                 const ObjectState state = child->EvalWorldState(0, true);
-                taken = copyTriangleMesh(state.obj, 0, mesh);
+                taken = copyTriangleMesh(state.obj, 0, mesh, kCaptureChannels);
             } catch (...) {
                 error = std::current_exception();  // still clean up the merge
             }

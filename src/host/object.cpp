@@ -16,16 +16,25 @@ Box3 Object::objectBounds(TimeValue t) {
 }
 
 std::optional<Mesh> meshOfObject(Object* obj, TimeValue t) {
-    if (!obj || !obj->CanConvertToType(TRIOBJ_CLASS_ID)) return std::nullopt;
-    Object* converted = obj->ConvertToType(t, TRIOBJ_CLASS_ID);
-    auto* tri = dynamic_cast<TriObject*>(converted);
-    if (!tri) {
-        if (converted && converted != obj) converted->DeleteThis();
-        return std::nullopt;
-    }
-    Mesh mesh = tri->GetMesh();
-    if (converted != obj) converted->DeleteThis();
+    Mesh mesh;
+    if (!copyTriangleMesh(obj, t, mesh, ALL_CHANNELS)) return std::nullopt;
     return mesh;
+}
+
+bool copyTriangleMesh(Object* obj, TimeValue t, Mesh& out, uint32_t channelMask) {
+    if (!obj || !obj->CanConvertToType(TRIOBJ_CLASS_ID)) return false;
+    Object* converted = obj->ConvertToType(t, TRIOBJ_CLASS_ID);
+    struct DeleteTemporary {
+        Object* converted;
+        Object* original;
+        ~DeleteTemporary() {
+            if (converted && converted != original) converted->DeleteThis();
+        }
+    } cleanup{converted, obj};
+    auto* tri = dynamic_cast<TriObject*>(converted);
+    if (!tri) return false;
+    out.DeepCopy(tri->GetMesh(), channelMask);
+    return true;
 }
 
 // ---------------------------------------------------------------------------
@@ -70,4 +79,4 @@ ReferenceTarget* PrimitiveObject::Clone(RemapDir& remap) {
     return copy;
 }
 
-} // namespace mq
+}  // namespace mq

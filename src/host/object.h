@@ -70,8 +70,8 @@ public:
 // Where an imported mesh came from, so a saved scene can refer to the file
 // instead of copying the mesh.
 struct MeshSource {
-    std::filesystem::path file; // absolute
-    int nodeIndex = -1;         // index into the file's ImportedScene nodes
+    std::filesystem::path file;  // absolute
+    int nodeIndex = -1;          // index into the file's ImportedScene nodes
     bool valid() const { return !file.empty() && nodeIndex >= 0; }
 };
 
@@ -124,5 +124,9 @@ private:
 // Converts any object to a triangle mesh at t: the mesh, or nullopt when the
 // object cannot be converted. Deletes a temporary converted object.
 std::optional<Mesh> meshOfObject(Object* obj, TimeValue t);
+// Deep-copies the channels in channelMask of obj's triangle mesh at t into
+// out, converting when needed and deleting a temporary converted object.
+// False (out untouched) when obj cannot become a triangle object.
+bool copyTriangleMesh(Object* obj, TimeValue t, Mesh& out, uint32_t channelMask);
 
-} // namespace mq
+}  // namespace mq

@@ -53,24 +53,6 @@ private:
     bool nested_ = false;
 };
 
-// Deep-copies obj's triangle mesh at time 0 into out, deleting a converted
-// object that is not obj itself. False when obj does not convert.
-bool copyTriangleMesh(Object* obj, Mesh& out) {
-    if (!obj || !obj->CanConvertToType(TRIOBJ_CLASS_ID)) return false;
-    Object* converted = obj->ConvertToType(0, TRIOBJ_CLASS_ID);
-    struct DeleteTemporary {
-        Object* converted;
-        Object* original;
-        ~DeleteTemporary() {
-            if (converted && converted != original) converted->DeleteThis();
-        }
-    } cleanup{converted, obj};
-    auto* tri = dynamic_cast<TriObject*>(converted);
-    if (!tri) return false;
-    out.DeepCopy(tri->GetMesh(), kPatternChannels);
-    return true;
-}
-
 // Takes the first merged top-level node that converts into pattern and
 // deletes every node from child rootChildCount of the root on. A deleted
 // node's children move up under the root and are visited in turn. True when
@@ -82,7 +64,8 @@ bool takeMeshAndRemoveMerged(HostInterface& ip, Node& root, int rootChildCount, 
         Node* child = root.GetChildNode(rootChildCount);
         if (!taken && !error) {
             try {
-                taken = copyTriangleMesh(child->EvalWorldState(0, true).obj, pattern);
+                taken = copyTriangleMesh(child->EvalWorldState(0, true).obj, 0, pattern,
+                                         kPatternChannels);
             } catch (...) {
                 error = std::current_exception();  // the merge is still undone below
             }
