@@ -1,5 +1,7 @@
 // mosaiq crop and inspect --tile, run as a user runs them, on a copy of the
 // example scene and its pattern.
+#include "support/cli_runner.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -22,17 +24,8 @@ namespace {
 namespace fs = std::filesystem;
 using json = nlohmann::json;
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
-
-std::string readText(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using Result = mq::test::CliResult;
+using mq::test::readText;
 
 class CropCli : public ::testing::Test {
 protected:
@@ -51,36 +44,7 @@ protected:
         fs::remove_all(dir_, ec);
     }
 
-    // Runs the real binary; stdout and stderr go to files so neither can block.
-    Result mosaiq(std::vector<std::string> args) {
-        const std::string bin = MOSAIQ_BIN_DIR "/mosaiq";
-        const std::string outFile = (dir_ / ".stdout").string(),
-                          errFile = (dir_ / ".stderr").string();
-        args.insert(args.begin(), bin);
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        pid_t pid = 0;
-        Result r;
-        const int spawned = posix_spawn(&pid, bin.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) {
-            ADD_FAILURE() << "cannot run " << bin;
-            return r;
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        r.out = readText(outFile);
-        r.err = readText(errFile);
-        return r;
-    }
+    Result mosaiq(const std::vector<std::string>& args) { return mq::test::runMosaiq(args, dir_); }
 
     void set(const std::vector<std::string>& assignments) {
         std::vector<std::string> args = {"set", scene_, "Mosaiq001"};

@@ -1,6 +1,8 @@
 // mosaiq render, run as a user runs it from the repository root: image size,
 // crops, frame ranges, -D overrides, output checks before rendering, exit
 // codes, determinism and Ctrl-C.
+#include "support/cli_runner.h"
+
 #include <gtest/gtest.h>
 
 #include <OpenImageIO/imageio.h>
@@ -25,10 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
+using Result = mq::test::CliResult;
 
 struct Picture {
     int width = 0, height = 0;
@@ -36,12 +35,7 @@ struct Picture {
     const uint8_t* at(int x, int y) const { return &rgba[4 * (size_t(y) * width + x)]; }
 };
 
-std::string readText(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using mq::test::readText;
 
 Picture readPng(const fs::path& file) {
     Picture p;
@@ -73,36 +67,11 @@ protected:
 
     fs::path path(const std::string& name) const { return dir_ / name; }
 
-    // Starts the real binary in the repository root, output to files.
+    // The real binary, started in the repository root (example paths are relative to it).
     pid_t start(const std::vector<std::string>& args) {
-        const std::string bin = MOSAIQ_BIN_DIR "/mosaiq";
-        const std::string outFile = (dir_ / ".stdout").string(), errFile = (dir_ / ".stderr").string();
-        std::vector<std::string> all = {bin};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& a : all) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addchdir_np(&actions, MOSAIQ_SOURCE_DIR);
-        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = 0;
-        const int spawned = posix_spawn(&pid, bin.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) ADD_FAILURE() << "cannot run " << bin;
-        return spawned == 0 ? pid : -1;
+        return mq::test::startMosaiq(args, dir_, MOSAIQ_SOURCE_DIR);
     }
-    Result finish(pid_t pid) {
-        Result r;
-        if (pid < 0) return r;
-        int status = 0;
-        waitpid(pid, &status, 0);
-        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        r.out = readText(dir_ / ".stdout");
-        r.err = readText(dir_ / ".stderr");
-        return r;
-    }
+    Result finish(pid_t pid) { return mq::test::finishMosaiq(pid, dir_); }
     Result mosaiq(const std::vector<std::string>& args) { return finish(start(args)); }
 
     // A tiny render of the pavers example, plus extra arguments.

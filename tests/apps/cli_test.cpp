@@ -1,5 +1,6 @@
 // The mosaiq command line, run as a user runs it: a separate process, its
 // output and its exit code.
+#include "support/cli_runner.h"
 #include "support/test_util.h"
 
 #include <gtest/gtest.h>
@@ -20,45 +21,13 @@ using json = nlohmann::json;
 using mq::test::readText;
 using mq::test::writeText;
 
-struct Result {
-    int code = -1;
-    std::string out, err;
-};
+using Result = mq::test::CliResult;
 
 class CliTest : public ::testing::Test {
 protected:
     fs::path path(const std::string& name) const { return dir_ / name; }
 
-    // Runs the real binary; stdout and stderr go to files so neither can block.
-    Result mosaiq(const std::vector<std::string>& args) {
-        const std::string bin = MOSAIQ_BIN_DIR "/mosaiq";
-        const std::string outFile = path(".stdout"), errFile = path(".stderr");
-        std::vector<std::string> all = {bin};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& a : all) argv.push_back(a.data());
-        argv.push_back(nullptr);
-
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        for (const auto& [fd, file] : {std::pair{1, &outFile}, std::pair{2, &errFile}})
-            posix_spawn_file_actions_addopen(&actions, fd, file->c_str(),
-                                             O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = 0;
-        Result r;
-        const int spawned = posix_spawn(&pid, bin.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (spawned != 0) {
-            ADD_FAILURE() << "cannot run " << bin;
-            return r;
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        r.out = readText(outFile);
-        r.err = readText(errFile);
-        return r;
-    }
+    Result mosaiq(const std::vector<std::string>& args) { return mq::test::runMosaiq(args, dir_.path()); }
 
     // inspect --json, parsed; fails the test when the command fails.
     json inspectJson(const fs::path& scene) {
