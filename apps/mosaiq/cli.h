@@ -48,7 +48,9 @@ mq::IPatternTools& patternToolsOrFail(mq::Node& node, const std::string& what);
 struct InspectOptions {
     std::filesystem::path scene;
     bool json = false;
-    std::string tileNode;  // non-empty: the captured tile of this node only
+    std::string tileNode;     // non-empty: the captured tile of this node only
+    std::string mappingNode;  // non-empty: the surface mapping of this node only
+    int frame = 0;            // the frame --mapping maps
 };
 struct NewOptions {
     std::filesystem::path scene;
@@ -85,6 +87,23 @@ struct RenderOptions {
     std::string pass;                    // empty: beauty; normal, depth or objectid
 };
 
+struct PreviewOptions {
+    std::filesystem::path scene;   // with node: that Mosaiq node's tile
+    std::string node;
+    std::filesystem::path pattern; // instead of a scene: a pattern file
+    std::string crop;              // with pattern: the crop box; empty: the whole pattern
+    int size = 0;                  // "Texture_Size"; 0: the node's, or its default
+    std::filesystem::path output;  // .png (8-bit with alpha) or .exr; empty: derived
+};
+
+struct BakeOptions {
+    std::filesystem::path scene;
+    std::string node;
+    std::filesystem::path output;  // .glb or .obj
+    int frame = 0;
+    long long maxTriangles = 50'000'000;
+};
+
 // Apply one `set`-style KEY=VALUE (parameter, optionally [index], or
 // renderable, material, transform) to node; CliError(kExitUsage) when the key
 // or value is bad. Prints the new value when echo is set.
@@ -100,6 +119,8 @@ void runNew(mq::HostInterface& ip, const NewOptions& opt);
 void runImport(mq::HostInterface& ip, const ImportOptions& opt);
 void runSet(mq::HostInterface& ip, const SetOptions& opt);
 void runCrop(mq::HostInterface& ip, const CropOptions& opt);
+void runPreview(mq::HostInterface& ip, const PreviewOptions& opt);
+void runBake(mq::HostInterface& ip, const BakeOptions& opt);
 // Returns the exit code: kExitOk, or kExitInterrupted after a Ctrl-C.
 int runRender(mq::HostInterface& ip, const RenderOptions& opt);
 

@@ -266,11 +266,50 @@ void inspectTile(mq::HostInterface& ip, const InspectOptions& opt) {
     }
 }
 
+// The surface mapping of one Mosaiq node at a frame.
+void inspectMapping(mq::HostInterface& ip, const InspectOptions& opt) {
+    Node* node = findUniqueNode(ip.scene(), opt.mappingNode, opt.scene.string());
+    mq::IPatternTools& tools = patternToolsOrFail(*node, opt.scene.string());
+    mq::MappingStats s;
+    std::string error;
+    if (!tools.mappingStats(opt.frame * mq::kTicksPerFrame, s, error)) {
+        throw CliError(kExitInput, opt.scene.string() + ": " + node->GetName() + ": frame " +
+                                       std::to_string(opt.frame) + ": cannot map the surface: " +
+                                       error);
+    }
+    if (opt.json) {
+        ojson j = ojson::object();
+        j["file"] = opt.scene.string();
+        j["node"] = node->GetName();
+        j["frame"] = opt.frame;
+        j["facesInRange"] = s.facesInRange;
+        j["piecesBuilt"] = s.piecesBuilt;
+        j["piecesDropped"] = s.piecesDropped;
+        j["islands"] = s.islands;
+        j["stretch"] = {{"min", double(s.stretchMin)}, {"max", double(s.stretchMax)}};
+        j["tiling"] = {{"u", double(s.tilingU)}, {"v", double(s.tilingV)}};
+        std::cout << mq::formatSceneJson(j);
+        return;
+    }
+    std::ostringstream out;
+    out << opt.scene.string() << ": surface mapping of " << node->GetName() << " at frame "
+        << opt.frame << "\n";
+    out << "  faces in range  " << s.facesInRange << "\n";
+    out << "  pieces          " << s.piecesBuilt << " built, " << s.piecesDropped << " dropped\n";
+    out << "  UV islands      " << s.islands << "\n";
+    out << "  stretch         " << s.stretchMin << " to " << s.stretchMax << "\n";
+    out << "  tiling          " << s.tilingU << " x " << s.tilingV << "\n";
+    std::cout << out.str();
+}
+
 }  // namespace
 
 void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     loadSceneOrFail(ip, opt.scene);
+    if (!opt.tileNode.empty() && !opt.mappingNode.empty())
+        throw CliError(kExitUsage, "--tile and --mapping: give one of them");
     if (!opt.tileNode.empty()) return inspectTile(ip, opt);
+    if (!opt.mappingNode.empty()) return inspectMapping(ip, opt);
     mq::Scene& scene = ip.scene();
     Node* root = scene.root();
 

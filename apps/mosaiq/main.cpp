@@ -47,6 +47,10 @@ int main(int argc, char** argv) {
     inspect->add_flag("--json", inspectOpt.json, "Print JSON for scripts");
     inspect->add_option("--tile", inspectOpt.tileNode,
                         "Capture this Mosaiq node's tile and show its statistics instead");
+    inspect->add_option("--mapping", inspectOpt.mappingNode,
+                        "Map this Mosaiq node's surface and show the mapping's counts instead");
+    inspect->add_option("--frame", inspectOpt.frame, "Frame that --mapping maps")
+        ->check(CLI::Range(-1000000, 1000000));
 
     NewOptions newOpt;
     CLI::App* create = app.add_subcommand("new", "Write a scene with one default Mosaiq object");
@@ -104,6 +108,30 @@ int main(int argc, char** argv) {
     render->add_option("--pass", renderOpt.pass, "Write a debug pass instead of the image")
         ->check(CLI::IsMember({"normal", "depth", "objectid"}));
 
+    PreviewOptions previewOpt;
+    CLI::App* preview = app.add_subcommand(
+        "preview", "Render the top-view preview texture of a Mosaiq node's tile or a pattern file");
+    preview->add_option("SCENE", previewOpt.scene, "Scene file (.mosaiq)");
+    preview->add_option("NODE", previewOpt.node, "Name of the Mosaiq node");
+    preview->add_option("--pattern", previewOpt.pattern, "Preview this pattern file instead");
+    preview->add_option("--crop", previewOpt.crop,
+                        "With --pattern: crop box as cx,cy,cz,sx,sy,sz (centre and size); "
+                        "default: the whole pattern");
+    preview->add_option("--size", previewOpt.size, "Texture size in pixels (Texture_Size)")
+        ->check(CLI::Range(4, 2048));
+    preview->add_option("-o,--output", previewOpt.output, "Image file (.png or .exr)");
+
+    BakeOptions bakeOpt;
+    CLI::App* bake = app.add_subcommand(
+        "bake", "Write the explicit triangle mesh a Mosaiq node shows at a frame");
+    bake->add_option("SCENE", bakeOpt.scene, "Scene file (.mosaiq)")->required();
+    bake->add_option("NODE", bakeOpt.node, "Name of the Mosaiq node")->required();
+    bake->add_option("-o,--output", bakeOpt.output, "Mesh file (.glb or .obj)")->required();
+    bake->add_option("--frame", bakeOpt.frame, "Frame to bake")->check(CLI::Range(-1000000, 1000000));
+    bake->add_option("--max-triangles", bakeOpt.maxTriangles,
+                     "Refuse to bake more triangles than this")
+        ->check(CLI::Range(1LL, 4000000000LL));
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -132,6 +160,8 @@ int main(int argc, char** argv) {
         if (import->parsed()) runImport(ip, importOpt);
         if (set->parsed()) runSet(ip, setOpt);
         if (crop->parsed()) runCrop(ip, cropOpt);
+        if (preview->parsed()) runPreview(ip, previewOpt);
+        if (bake->parsed()) runBake(ip, bakeOpt);
         if (render->parsed()) return runRender(ip, renderOpt);
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";

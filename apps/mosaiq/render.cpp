@@ -219,27 +219,6 @@ void showPass(mq::tracer::Image& img, const std::string& pass) {
     }
 }
 
-// Mosaiq nodes among the renderables, by the object id the tracer gives
-// them (1 + index among renderable nodes, in scene order).
-std::vector<std::pair<int, std::string>> mosaiqObjectIds(mq::Scene& scene) {
-    std::vector<std::pair<int, std::string>> out;
-    int id = 0;
-    for (mq::Node* n : scene.allNodes()) {
-        if (!n->Renderable()) continue;
-        ++id;
-        mq::Object* obj = n->GetObjectRef();
-        if (obj && obj->GetClassName() == "Mosaiq") out.emplace_back(id, n->GetName());
-    }
-    return out;
-}
-
-// Why a Mosaiq node drew nothing. Hook: the render instance does not report
-// its reason yet (no pattern, no surface, a failed capture or mapping); ask
-// it here once it does.
-std::string emptyReason(mq::Scene&, const std::string&) {
-    return "no pixel shows it; the render instance gave no reason";
-}
-
 struct SignalGuard {
     struct sigaction oldInt {}, oldTerm {};
     SignalGuard() {
@@ -299,7 +278,6 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
     for (int f = firstFrame; f <= lastFrame; ++f) checkWritable(frameOutput(out, f, numbered));
 
     Progress progress(opt.quiet, ::isatty(STDERR_FILENO) == 1);
-    const auto mosaiqIds = mosaiqObjectIds(scene);
     fs::path writing;  // the output being written, for cleanup on an interrupt
     try {
         mq::tracer::Renderer renderer(scene, settings);
@@ -322,11 +300,6 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
             progress.endFrame();
             if (gInterrupted) throw Interrupted{};
 
-            for (const auto& [id, name] : mosaiqIds) {
-                if (std::find(img.objectId.begin(), img.objectId.end(), float(id)) == img.objectId.end())
-                    printWarning(name + ": frame " + std::to_string(f) + " renders nothing: " +
-                                 emptyReason(scene, name));
-            }
             if (!opt.pass.empty()) showPass(img, opt.pass);
 
             writing = frameOutput(out, f, numbered);

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace mq {
 
@@ -36,6 +37,37 @@ struct TileStats {
     Box3 pointCloudBox;
 };
 
+// What one frame's surface mapping made.
+struct MappingStats {
+    int facesInRange = 0;   // surface faces whose material id is in the Poli_ID range
+    int piecesBuilt = 0;    // tetrahedral pieces that render
+    int piecesDropped = 0;  // pieces rejected as degenerate or inside out
+    int islands = 0;        // UV islands over the whole surface
+    // Over the corners of the faces in range; 0 and 0 when there are none.
+    float stretchMin = 0.0f, stretchMax = 0.0f;
+    float tilingU = 1.0f, tilingV = 1.0f;  // as applied (reciprocals under Real_World_Scale)
+};
+
+// A top view of the tile: linear grey shading in RGB, coverage in alpha,
+// rows from the tile's largest y down.
+struct PreviewImage {
+    int width = 0, height = 0;
+    std::vector<float> rgba;  // 4 per pixel
+};
+
+struct BakeLimits {
+    // Refuse, before allocating, a bake that would pass this many triangles.
+    int64_t maxTriangles = 50'000'000;
+};
+
+struct BakeStats {
+    int64_t pieces = 0;          // pieces of the frame's mapping
+    int64_t cells = 0;           // segment cells visited over all pieces
+    int64_t triangles = 0;       // triangles written
+};
+
+class Mesh;
+
 // Owned by the object that hands it out: valid while that object lives,
 // nothing to release. Main thread only. No method throws; each returns
 // false with a reason for the user in error (naming the node or file) when
@@ -55,6 +87,16 @@ public:
     // cloud is the object's own, as it stands once the object is evaluated
     // at t: a file pattern's cloud is not loaded here.
     virtual bool tileStats(TimeValue t, TileStats& out, std::string& error) = 0;
+    // The surface mapping of frame time t: capture the tile, map the surface,
+    // count. The scene is left as it was.
+    virtual bool mappingStats(TimeValue t, MappingStats& out, std::string& error) = 0;
+    // The preview texture of the tile captured at t, sized by "Texture_Size".
+    virtual bool previewTexture(TimeValue t, PreviewImage& out, std::string& error) = 0;
+    // The explicit world-space triangles the object shows at t, with normals
+    // and the pattern's UVs. Fails, writing nothing to out, when the bake
+    // would pass limits.maxTriangles.
+    virtual bool bakeMesh(TimeValue t, const BakeLimits& limits, Mesh& out, BakeStats& stats,
+                          std::string& error) = 0;
 };
 
 }  // namespace mq

@@ -207,8 +207,12 @@ void Mosaiq::ReleaseInterface(uint32_t id, void* i) {
 
 tracer::RenderInstance* Mosaiq::newRenderInstance(Node* node, tracer::RenderCore& core,
                                                   int renderId) {
-    if (!renderReady_) return nullptr;
     try {
+        if (!renderReady_) {
+            const std::string name = node ? "\"" + node->GetName() + "\"" : "a Mosaiq node";
+            core.warning(name + " renders nothing: no pattern has been loaded or picked");
+            return nullptr;
+        }
         return new (std::nothrow) MosaiqInstance(this, node, &core, renderId);
     } catch (...) {
         return nullptr;

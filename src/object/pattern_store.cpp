@@ -2,6 +2,7 @@
 
 #include "host/interface.h"
 #include "host/object.h"
+#include "plugin/params.h"
 
 #include <algorithm>
 #include <exception>
@@ -121,6 +122,29 @@ bool loadPatternStore(PatternPointCloud& store, const std::string& path, std::st
 std::optional<Mesh> patternNodeMesh(Node* node) {
     if (!node) return std::nullopt;
     return meshOfObject(node->EvalWorldState(0, true).obj, 0);
+}
+
+std::string scenePatternProblem(mq::ParamBlock& pb, mq::TimeValue t, bool needFaces) {
+    Node* node = pb.GetINode(kPattern, 0);
+    if (!node) return "no \"Pattern\" node is set";
+    const std::string what = "\"Pattern\" node \"" + node->GetName() + "\"";
+    const std::optional<Mesh> mesh = meshOfObject(node->EvalWorldState(t, true).obj, t);
+    if (!mesh) return what + " has no mesh";
+    if (mesh->getNumVerts() == 0) return what + " has an empty mesh";
+    if (needFaces && mesh->getNumFaces() == 0) return what + " has a mesh without faces";
+    return {};
+}
+
+std::string captureProblem(mq::ParamBlock& pb, mq::TimeValue t) {
+    std::string why;
+    if (pb.GetInt(kPatternSource, 0) == kSourceScene) {
+        why = scenePatternProblem(pb, t, true);
+    } else {
+        // The file loader checks what the capture checks and says which failed.
+        auto scratch = std::make_unique<PatternPointCloud>();
+        loadPatternStore(*scratch, pb.GetStr(kPatternFile, 0), &why);
+    }
+    return why.empty() ? "the pattern could not be captured" : why;
 }
 
 }  // namespace mosaiq

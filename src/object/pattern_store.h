@@ -5,6 +5,7 @@
 #include "engine/point_cloud.h"
 #include "host/mesh.h"
 #include "host/node.h"
+#include "host/paramblock.h"
 
 #include <optional>
 #include <string>
@@ -25,5 +26,12 @@ bool loadPatternStore(mq::PatternPointCloud& store, const std::string& path,
 // node's mesh at time 0, converted as the pattern capture converts it;
 // nullopt when node is null or has nothing that converts.
 std::optional<mq::Mesh> patternNodeMesh(mq::Node* node);
+
+// Why the "Pattern" node of pblock cannot serve as a pattern at t; empty
+// when it can. needFaces also rejects a mesh without faces.
+std::string scenePatternProblem(mq::ParamBlock& pblock, mq::TimeValue t, bool needFaces);
+// Why the tile of pblock could not be captured at t, found by retracing the
+// capture; never empty. Main thread only.
+std::string captureProblem(mq::ParamBlock& pblock, mq::TimeValue t);
 
 }  // namespace mosaiq

@@ -8,11 +8,15 @@
 #include "object/mosaiq.h"
 #include "object/pattern_store.h"
 #include "plugin/params.h"
+#include "render/bake.h"
+#include "render/preview.h"
+#include "render/surface_mapping.h"
 
 #include <exception>
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 namespace mosaiq {
 
@@ -46,14 +50,22 @@ public:
         return cropOperation(error, [this] { return obj_.fitCropBox(); });
     }
     bool tileStats(TimeValue t, TileStats& out, std::string& error) override;
+    bool mappingStats(TimeValue t, MappingStats& out, std::string& error) override;
+    bool previewTexture(TimeValue t, PreviewImage& out, std::string& error) override;
+    bool bakeMesh(TimeValue t, const BakeLimits& limits, Mesh& out, BakeStats& stats,
+                  std::string& error) override;
 
 private:
     template <class Operation>
     bool cropOperation(std::string& error, Operation operation);
-    // Why the "Pattern" node cannot serve as a pattern at t; empty when it can.
-    std::string scenePatternProblem(ParamBlock& pb, TimeValue t, bool needFaces);
-    // Why the tile could not be captured, found by retracing the capture.
-    std::string captureProblem(ParamBlock& pb, TimeValue t);
+    // Capture the tile at t as a render does; false with the reason when
+    // it cannot be, or when it has no faces.
+    bool captureTile(TimeValue t, PatternTile& tile, std::string& error);
+    // Capture the tile and map the surface at t as a render's frame does.
+    // False with the reason when either fails; a mapping without pieces is
+    // true (mapping.problem says why).
+    bool mapFrame(TimeValue t, PatternTile& tile, SurfaceMapping& mapping,
+                  std::vector<MosaiqPrimitive>& pieces, std::string& error);
 
     Mosaiq& obj_;
 };
@@ -89,50 +101,42 @@ bool MosaiqPatternTools::cropOperation(std::string& error, Operation operation) 
     }
 }
 
-std::string MosaiqPatternTools::scenePatternProblem(ParamBlock& pb, TimeValue t, bool needFaces) {
-    Node* node = pb.GetINode(kPattern, 0);
-    if (!node) return "no \"Pattern\" node is set";
-    const std::string what = "\"Pattern\" node " + quoted(node->GetName());
-    const std::optional<Mesh> mesh = meshOfObject(node->EvalWorldState(t, true).obj, t);
-    if (!mesh) return what + " has no mesh";
-    if (mesh->getNumVerts() == 0) return what + " has an empty mesh";
-    if (needFaces && mesh->getNumFaces() == 0) return what + " has a mesh without faces";
-    return {};
+bool MosaiqPatternTools::captureTile(TimeValue t, PatternTile& tile, std::string& error) {
+    ParamBlock* pb = obj_.GetParamBlock(0);
+    if (!pb) {
+        error = "the object has no parameter block";
+        return false;
+    }
+    // A scene pattern is sampled into the store here when it is not yet.
+    obj_.ObjectValidity(t);
+    if (!tile.capture(pb, t)) {
+        error = captureProblem(*pb, t);
+        return false;
+    }
+    // A file's mesh may have no faces; such a tile shows nothing.
+    if (tile.faceCount == 0) {
+        error = "Pattern file " + quoted(pb->GetStr(kPatternFile, 0)) +
+                " holds a mesh without faces";
+        return false;
+    }
+    return true;
 }
 
-std::string MosaiqPatternTools::captureProblem(ParamBlock& pb, TimeValue t) {
-    std::string why;
-    if (pb.GetInt(kPatternSource, 0) == kSourceScene) {
-        why = scenePatternProblem(pb, t, true);
-    } else {
-        // The file loader checks what the capture checks and says which failed.
-        auto scratch = std::make_unique<PatternPointCloud>();
-        loadPatternStore(*scratch, pb.GetStr(kPatternFile, 0), &why);
+bool MosaiqPatternTools::mapFrame(TimeValue t, PatternTile& tile, SurfaceMapping& mapping,
+                                  std::vector<MosaiqPrimitive>& pieces, std::string& error) {
+    // Renders read the parameters and capture the tile at time 0.
+    if (!captureTile(0, tile, error)) return false;
+    if (!mapping.build(*obj_.GetParamBlock(0), tile, t, pieces)) {
+        error = mapping.problem.empty() ? "the surface could not be mapped" : mapping.problem;
+        return false;
     }
-    return why.empty() ? "the pattern could not be captured" : why;
+    return true;
 }
 
 bool MosaiqPatternTools::tileStats(TimeValue t, TileStats& out, std::string& error) {
     try {
-        ParamBlock* pb = obj_.GetParamBlock(0);
-        if (!pb) {
-            error = "the object has no parameter block";
-            return false;
-        }
-        // A scene pattern is sampled into the store here when it is not yet.
-        obj_.ObjectValidity(t);
-
         PatternTile tile;
-        if (!tile.capture(pb, t)) {
-            error = captureProblem(*pb, t);
-            return false;
-        }
-        // A file's mesh may have no faces; such a tile shows nothing.
-        if (tile.faceCount == 0) {
-            error = "Pattern file " + quoted(pb->GetStr(kPatternFile, 0)) +
-                    " holds a mesh without faces";
-            return false;
-        }
+        if (!captureTile(t, tile, error)) return false;
 
         TileStats stats;
         stats.faceCount = tile.faceCount;
@@ -157,6 +161,59 @@ bool MosaiqPatternTools::tileStats(TimeValue t, TileStats& out, std::string& err
         return true;
     } catch (...) {
         // Nothing crosses the plug-in boundary.
+        error = currentExceptionText();
+        return false;
+    }
+}
+
+bool MosaiqPatternTools::mappingStats(TimeValue t, MappingStats& out, std::string& error) {
+    try {
+        PatternTile tile;
+        SurfaceMapping mapping;
+        std::vector<MosaiqPrimitive> pieces;
+        if (!mapFrame(t, tile, mapping, pieces, error)) return false;
+        MappingStats stats;
+        stats.facesInRange = mapping.stats.facesInRange;
+        stats.piecesBuilt = mapping.stats.piecesBuilt;
+        stats.piecesDropped = mapping.stats.piecesDropped;
+        stats.islands = mapping.stats.islands;
+        stats.stretchMin = mapping.stats.stretchMin;
+        stats.stretchMax = mapping.stats.stretchMax;
+        stats.tilingU = mapping.tilingU;
+        stats.tilingV = mapping.tilingV;
+        out = stats;
+        return true;
+    } catch (...) {
+        error = currentExceptionText();
+        return false;
+    }
+}
+
+bool MosaiqPatternTools::previewTexture(TimeValue t, PreviewImage& out, std::string& error) {
+    try {
+        PatternTile tile;
+        if (!captureTile(t, tile, error)) return false;
+        const int32_t textureSize = obj_.GetParamBlock(0)->GetInt(kTextureSize, 0);
+        if (!renderPreviewTexture(tile, textureSize, out)) {
+            error = "the preview image could not be made";
+            return false;
+        }
+        return true;
+    } catch (...) {
+        error = currentExceptionText();
+        return false;
+    }
+}
+
+bool MosaiqPatternTools::bakeMesh(TimeValue t, const BakeLimits& limits, Mesh& out,
+                                  BakeStats& stats, std::string& error) {
+    try {
+        PatternTile tile;
+        SurfaceMapping mapping;
+        std::vector<MosaiqPrimitive> pieces;
+        if (!mapFrame(t, tile, mapping, pieces, error)) return false;
+        return bakePieces(pieces.data(), mapping.primitiveCount, tile, limits, out, stats, error);
+    } catch (...) {
         error = currentExceptionText();
         return false;
     }

@@ -2,11 +2,13 @@
 
 #include "host/paramblock.h"
 #include "object/mosaiq.h"
+#include "object/pattern_store.h"
 #include "plugin/params.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 
 namespace mosaiq {
 
@@ -113,10 +115,18 @@ void MosaiqInstance::renderBegin(TimeValue t, RenderCore& core) {
         for (HitRecordStore& store : hitStores_) store.create(core.threadCount());
         // Parameters are read at time 0: none animates. A failed capture
         // leaves the tile empty, which keeps the instance out of the render.
+        captureProblem_.clear();
         ParamBlock* pblock = owner_ ? owner_->GetParamBlock(0) : nullptr;
-        if (pblock) tile_.capture(pblock, 0);
+        if (!pblock) {
+            captureProblem_ = "the object has no parameter block";
+        } else if (!tile_.capture(pblock, 0)) {
+            captureProblem_ = captureProblem(*pblock, 0);
+        } else if (tile_.faceCount == 0) {
+            captureProblem_ = "the pattern has no faces";
+        }
     } catch (...) {
         // Nothing leaves the instance; an empty tile renders nothing.
+        captureProblem_ = "the pattern could not be captured";
     }
 }
 
@@ -131,9 +141,14 @@ void MosaiqInstance::frameBegin(TimeValue t, RenderCore& core) {
         worldToObj_.IdentityMatrix();
 
         ParamBlock* pblock = owner_ ? owner_->GetParamBlock(0) : nullptr;
-        if (!pblock || !tile_.built) return;
+        if (!pblock || !tile_.built || tile_.faceCount == 0) {
+            reportEmpty(t, core, captureProblem_);
+            return;
+        }
         SurfaceMapping mapping;
-        if (!mapping.build(*pblock, tile_, t, primitives_)) return;
+        const bool mapped = mapping.build(*pblock, tile_, t, primitives_);
+        if (!mapping.problem.empty()) reportEmpty(t, core, mapping.problem);
+        if (!mapped) return;
         primitiveCount_ = mapping.primitiveCount;
         tilingU_ = mapping.tilingU;
         tilingV_ = mapping.tilingV;
@@ -160,6 +175,16 @@ void MosaiqInstance::frameBegin(TimeValue t, RenderCore& core) {
         // Out of memory while mapping: this frame renders nothing.
         freePrimitives();
         box_ = StaticBox();
+    }
+}
+
+void MosaiqInstance::reportEmpty(TimeValue t, RenderCore& core, const std::string& why) {
+    try {
+        const std::string name = node() ? "\"" + node()->GetName() + "\"" : "a Mosaiq node";
+        core.warning(name + ": frame " + std::to_string(t / kTicksPerFrame) +
+                     " renders nothing: " + (why.empty() ? "the pattern is not captured" : why));
+    } catch (...) {
+        // A warning that cannot be built is dropped.
     }
 }
 

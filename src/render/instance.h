@@ -16,6 +16,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace mosaiq {
@@ -123,6 +124,8 @@ private:
     };
     static bool intersectPiece(const void* data, mq::tracer::RayContext& rc);
     static bool occludedPiece(const void* data, mq::tracer::RayContext& rc);
+    // Tell the user why this node renders nothing at frame time t.
+    void reportEmpty(mq::TimeValue t, mq::tracer::RenderCore& core, const std::string& why);
     void freePrimitives() noexcept;
     void freeStores() noexcept;
 
@@ -130,6 +133,7 @@ private:
     std::vector<PieceRef> pieceRefs_;
     Mosaiq* owner_ = nullptr;
     mq::PatternTile tile_;
+    std::string captureProblem_;  // why renderBegin's capture failed; empty when it worked
     std::array<HitRecordStore, kStoreCount> hitStores_;
     int32_t primitiveCount_ = 0;
     bool frameValid_ = false;

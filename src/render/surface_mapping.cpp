@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <string>
 #include <utility>
 
 namespace mq {
@@ -62,14 +63,20 @@ SurfaceMappingSettings readSurfaceMappingSettings(ParamBlock& pblock) {
     return s;
 }
 
-bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh) {
+bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, std::string* why) {
+    auto fail = [why](std::string text) {
+        if (why) *why = std::move(text);
+        return false;
+    };
     // The one parameter read at the frame time.
     Node* node = pblock.GetINode(mosaiq::kSurface, t);
-    if (!node) return false;
+    if (!node) return fail("no \"Surface\" node is set");
+    const std::string what = "\"Surface\" node \"" + node->GetName() + "\"";
     const ObjectState state = node->EvalWorldState(t, true);
-    if (!state.obj) return false;
+    if (!state.obj) return fail(what + " has no object");
     std::optional<Mesh> copy = meshOfObject(state.obj, t);
-    if (!copy || copy->getNumFaces() == 0) return false;
+    if (!copy) return fail(what + " has no mesh");
+    if (copy->getNumFaces() == 0) return fail(what + " has a mesh without faces");
     mesh = std::move(*copy);
 
     const Matrix3 objectToWorld = node->GetObjectTM(t);
@@ -91,8 +98,9 @@ bool SurfaceMapping::build(ParamBlock& pblock, const PatternTile& tile, TimeValu
                            std::vector<MosaiqPrimitive>& primitives) {
     primitiveCount = 0;
     stats = {};
+    problem.clear();
     Mesh mesh;
-    if (!surfaceWorldMesh(pblock, t, mesh)) return false;
+    if (!surfaceWorldMesh(pblock, t, mesh, &problem)) return false;
     return buildFromMesh(mesh, tile, readSurfaceMappingSettings(pblock), primitives);
 }
 
@@ -101,8 +109,17 @@ bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
                                    std::vector<MosaiqPrimitive>& primitives) {
     primitiveCount = 0;
     stats = {};
+    problem.clear();
     const int numFaces = worldMesh.getNumFaces();
-    if (numFaces == 0) return false;
+    if (numFaces == 0) {
+        problem = "the surface has no faces";
+        return false;
+    }
+    const int channel = settings.mapChannel;
+    if (channel < 0 || channel >= worldMesh.getNumMaps() || !worldMesh.mapSupport(channel)) {
+        problem = "the surface has no map channel " + std::to_string(channel);
+        return false;
+    }
 
     // Poli_ID counts from 1 for the user, material ids from 0 in the mesh.
     const int idFrom = settings.poliIdFrom - 1;
@@ -127,7 +144,11 @@ bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
 
     surfDist dist;
     const Point3 tilePeriod(2.0f * size.x * tilingU, 2.0f * size.y * tilingV, 0.0f);
-    if (!dist.build(worldMesh, settings.mapChannel, tilePeriod)) return false;
+    if (!dist.build(worldMesh, settings.mapChannel, tilePeriod)) {
+        problem = "the surface's map channel " + std::to_string(channel) +
+                  " does not cover its faces";
+        return false;
+    }
 
     // The analysis has checked the normals and every index used below.
     const float shift = settings.shift;
@@ -203,6 +224,12 @@ bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
         }
     }
 
+    if (facesInRange == 0) {
+        problem = "no surface face has a material id in the \"Poli_ID\" range " +
+                  std::to_string(settings.poliIdFrom) + " to " + std::to_string(settings.poliIdTo);
+    } else if (primitiveCount == 0) {
+        problem = "every piece over the surface is degenerate";
+    }
     stats.facesInRange = facesInRange;
     stats.piecesBuilt = primitiveCount;
     stats.piecesDropped = facesInRange * 3 - primitiveCount;

@@ -9,6 +9,7 @@
 #include "host/mesh.h"
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace mq {
@@ -33,13 +34,14 @@ SurfaceMappingSettings readSurfaceMappingSettings(ParamBlock& pblock);
 
 // The mesh of the "Surface" node at t, in world space. False when there is no
 // node, it evaluates to no object, the object can't become a triangle mesh,
-// or the mesh has no faces. A mirroring object-to-world transform would turn
+// or the mesh has no faces; why, when given, then says which, naming the
+// node. A mirroring object-to-world transform would turn
 // every face inside out: corners 1 and 2 of each face are swapped, with the
 // map faces and explicit normal faces in step, so faces keep facing out and
 // corner 0 (which gives the face's island) stays. Explicit normals are
 // carried to world space by the inverse transpose; computed ones are left to
 // be recomputed from the world mesh.
-bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh);
+bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, std::string* why = nullptr);
 
 // What one frame's mapping made, for inspection.
 struct SurfaceMappingStats {
@@ -72,6 +74,8 @@ public:
                        std::vector<MosaiqPrimitive>& primitives);
 
     int32_t primitiveCount = 0;
+    // Why the frame has no pieces, for the user; empty when it has some.
+    std::string problem;
     // Tiling U and V, or their reciprocals under Real_World_Scale.
     float tilingU = 1.0f, tilingV = 1.0f;
     SurfaceMappingStats stats;

@@ -18,6 +18,7 @@
 #include "tracer/primitive.h"
 
 #include <cstdint>
+#include <string>
 
 namespace mq {
 class Node;
@@ -54,6 +55,9 @@ public:
     virtual RayServer& rayServer() = 0;
     // Time of the frame being rendered (ticks).
     virtual TimeValue currentTime() const = 0;
+    // Tell the user about a problem that does not stop the render, such as
+    // a node that renders nothing this frame, and why.
+    virtual void warning(const std::string& text) {}
 };
 
 // One node of a render object inside one render. Created by the render

@@ -310,7 +310,7 @@ struct Renderer::Impl : RenderCore, RayServer {
         dynamics.push_back(std::move(d));
     }
 
-    void warning(const std::string& s) const {
+    void warning(const std::string& s) override {
         if (warn) warn(s);
     }
 
