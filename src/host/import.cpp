@@ -162,7 +162,8 @@ bool usableNormals(const aiMesh& m) {
 // Merges the Assimp meshes of one node into a host mesh. Faces with a bad
 // index or a non-finite corner are left out and counted in dropped. Returns
 // null when no face is left.
-std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, size_t& dropped) {
+std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, const Matrix3& toZUp,
+                                    size_t& dropped) {
     // Channels in use by any part of the node.
     int numUvSets = 0;
     bool anyColours = false, anyNormals = false;
@@ -210,7 +211,7 @@ std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, siz
         const int normalBase = static_cast<int>(normals.size());
         if (ownNormals) {
             for (uint32_t i = 0; i < numVerts; ++i) {
-                normals.push_back(Normalize(toPoint(m->mNormals[i])));
+                normals.push_back(Normalize(toZUp.VectorTransform(toPoint(m->mNormals[i]))));
             }
         }
 
@@ -232,7 +233,7 @@ std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, siz
             for (int k = 0; k < 3; ++k) {
                 const unsigned i = af.mIndices[k];
                 if (remap[i] < 0) {
-                    const Point3 p = toPoint(m->mVertices[i]);
+                    const Point3 p = toZUp.VectorTransform(toPoint(m->mVertices[i]));
                     const auto [it, added] =
                         welded.try_emplace(keyOf(p), static_cast<uint32_t>(mesh->verts.size()));
                     if (added) mesh->verts.push_back(p);
@@ -415,6 +416,7 @@ void walkNodes(const aiScene& scene, size_t& dropped, ImportedScene& out) {
     };
     const aiNode* root = scene.mRootNode;
     const Matrix3 toZUp = sceneToZUp(scene);
+    const Matrix3 fromZUp = Transpose3(toZUp);  // a rotation: its inverse
 
     // Assimp's root stands for the file itself: unless it holds geometry of its
     // own, its children are the top-level nodes and its transform folds into theirs.
@@ -444,15 +446,19 @@ void walkNodes(const aiScene& scene, size_t& dropped, ImportedScene& out) {
         ImportedNode node;
         node.name = p.node->mName.C_Str();
         node.parent = p.parent;
+        // The turn to Z-up is baked into the geometry, so every mesh stands
+        // upright in its own object space (a pattern is used there); the
+        // transforms are conjugated to match: world = v R (R^-1 T R) ... .
         node.transform = toMatrix3(p.node->mTransformation);
-        if (p.topLevel) node.transform = node.transform * rootFold * toZUp;
+        if (p.topLevel) node.transform = node.transform * rootFold;
+        node.transform = fromZUp * node.transform * toZUp;
 
         std::vector<const aiMesh*> parts;
         for (unsigned i = 0; p.node->mMeshes && i < p.node->mNumMeshes; ++i) {
             const unsigned m = p.node->mMeshes[i];
             if (m < scene.mNumMeshes && scene.mMeshes[m]) parts.push_back(scene.mMeshes[m]);
         }
-        if (!parts.empty()) node.mesh = buildNodeMesh(parts, dropped);
+        if (!parts.empty()) node.mesh = buildNodeMesh(parts, toZUp, dropped);
 
         out.nodes.push_back(std::move(node));
         pushChildren(p.node, static_cast<int>(out.nodes.size()) - 1, false);

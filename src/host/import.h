@@ -35,7 +35,9 @@ struct ImportedScene {
 // Reads a mesh file. Vertices that share a position are welded; UVs (map
 // channels 1..n), vertex colours (channel 0) and normals (specified normals)
 // keep their own per-corner indexing. The file's material index becomes the
-// face's material id. Y-up files are turned Z-up. Throws ImportError.
+// face's material id. Y-up files are turned Z-up in the vertices and normals
+// themselves (the node transforms are conjugated to match), so every mesh
+// stands Z-up in its own object space too. Throws ImportError.
 ImportedScene importMeshFile(const std::filesystem::path& file);
 
 // True for file names whose extension the importer accepts.

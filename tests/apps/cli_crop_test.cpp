@@ -83,7 +83,7 @@ protected:
 };
 
 // The example pattern: a pyramid 10 x 10 at the base and 4 high, stored Y-up
-// in the file; its node turns it Z-up.
+// in the file and turned Z-up on import.
 TEST_F(CropCli, ResetEnclosesThePatternUnrotated) {
     set({"Crop_Size=1,2,3", "Crop_Transfrom=0,1,0,-1,0,0,0,0,1,5,6,7"});
     const std::string before = readText(scene_);
@@ -98,11 +98,11 @@ TEST_F(CropCli, ResetEnclosesThePatternUnrotated) {
     EXPECT_EQ(param(out, "Pattern"), "Pattern");
     EXPECT_EQ(json::parse(readText(out))["nodes"].size(), 3u) << "no merged node may be saved";
 
-    // A file pattern is read in the file's own (Y-up) object space.
+    // A file pattern stands upright in its own object space too.
     set({"Pattern_Source=1", "Pattern_File=" + patternFile_});
     ASSERT_EQ(mosaiq({"crop", "reset", scene_, "Mosaiq001"}).code, 0);
-    expectNear(param(scene_, "Crop_Size"), {10, 4, 10});
-    expectNear(rows(param(scene_, "Crop_Transfrom")), {1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 2, 0});
+    expectNear(param(scene_, "Crop_Size"), {10, 10, 4});
+    expectNear(rows(param(scene_, "Crop_Transfrom")), {1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 2});
     EXPECT_EQ(json::parse(readText(scene_))["nodes"].size(), 3u);
 }
 
@@ -142,8 +142,8 @@ TEST_F(CropCli, InspectTileDescribesTheCapturedPattern) {
         EXPECT_GT(tree["max"][i].get<double>(), j["cropSize"][i].get<double>());
     }
     EXPECT_EQ(j["pointCloud"]["valid"], true);
-    expectNear(j["pointCloud"]["min"], {-5, 0, -5});
-    expectNear(j["pointCloud"]["max"], {5, 4, 5});
+    expectNear(j["pointCloud"]["min"], {-5, -5, 0});
+    expectNear(j["pointCloud"]["max"], {5, 5, 4});
 
     const Result text = mosaiq({"inspect", scene_, "--tile", "Mosaiq001"});
     ASSERT_EQ(text.code, 0) << text.err;

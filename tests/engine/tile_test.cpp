@@ -246,8 +246,9 @@ TEST_F(TileCapture, FromASceneNodeConvertedTheCropFollowsThePositionNotTheRotati
 TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
     addNode("Keep", new TriObject(squareMesh()));
     useFile(dir_.write("two.obj",
-                       "o First\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n"
-                       "o Second\nv 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\nf 4 5 6\nf 4 6 7\n"));
+                       // Y-up, as OBJ is: file (x, y, z) is (x, -z, y) here.
+                       "o First\nv 0 0 0\nv 1 0 0\nv 0 0 -1\nf 1 2 3\n"
+                       "o Second\nv 0 1 0\nv 1 1 0\nv 1 1 -1\nv 0 1 -1\nf 4 5 6\nf 4 6 7\n"));
     setCrop(Point3(2, 2, 2), TransMatrix(Point3(0, 0, 0.5f)));
     PatternTile tile;
     ASSERT_TRUE(tile.capture(pb_, 0)) << host_.lastError();

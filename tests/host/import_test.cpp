@@ -74,20 +74,21 @@ TEST_F(ImportFiles, SeamWeldsPositionsButKeepsUvCorners) {
             const Point3 p = mesh.verts[mesh.faces[f].v[k]];
             const Point3 uv = mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]];
             const Point3 rgb = mesh.Map(0).verts[mesh.Map(0).faces[f].t[k]];
-            EXPECT_EQ(p.z, 0.0f);
+            // OBJ is Y-up: the file's (x, y, z) is (x, -z, y) here, so the
+            // quad stands in the XZ plane.
+            EXPECT_EQ(p.y, 0.0f);
             // Each corner's colour is the one written after its position.
-            EXPECT_EQ(rgb, p.x == 0 && p.y == 0   ? Point3(1, 0, 0)
-                           : p.x == 1 && p.y == 0 ? Point3(0, 1, 0)
+            EXPECT_EQ(rgb, p.x == 0 && p.z == 0   ? Point3(1, 0, 0)
+                           : p.x == 1 && p.z == 0 ? Point3(0, 1, 0)
                            : p.x == 1             ? Point3(0, 0, 1)
                                                   : Point3(1, 1, 1));
-            seen[{p.x, p.y}].insert({uv.x, uv.y});
+            seen[{p.x, p.z}].insert({uv.x, uv.y});
         }
     }
     EXPECT_EQ(seen, expected);
 
-    // OBJ is Y-up: the file's +Y ends up along +Z, the quad lies in XZ.
-    expectNear(Point3(0, 1, 0) * node.transform, Point3(0, 0, 1));
-    expectNear(Point3(0, 0, 1) * node.transform, Point3(0, -1, 0));
+    // The turn is in the vertices, not the node.
+    for (int i = 0; i < 4; ++i) expectNear(node.transform[i], Matrix3()[i]);
     const Box3 box = mesh.getBoundingBox(&node.transform);
     expectNear(box.pmin, Point3(0, 0, 0));
     expectNear(box.pmax, Point3(1, 0, 1));
@@ -95,8 +96,9 @@ TEST_F(ImportFiles, SeamWeldsPositionsButKeepsUvCorners) {
 
 TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
     write("m.mtl", "newmtl red\nnewmtl green\nnewmtl blue\n");
-    // B: three triangles in the XY plane, one per material; UVs equal the
-    // positions, the blue one has no normals.
+    // B: three triangles in the file's XY plane, one per material; UVs equal
+    // the file's positions, the blue one has no normals. Here, Z-up, the
+    // file's (x, y, z) is (x, -z, y).
     const fs::path obj = write("two.obj",
                                "mtllib m.mtl\n"
                                "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nv 0 2 0\n"
@@ -124,7 +126,7 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
     // File normals are explicit per-corner normals; the blue face gets smooth
     // ones from the geometry, here the plane's.
     const std::map<std::string, Point3> normalOf = {
-        {"red", {0, 0, 1}}, {"green", {0.6f, 0, 0.8f}}, {"blue", {0, 0, 1}}};
+        {"red", {0, -1, 0}}, {"green", {0.6f, -0.8f, 0}}, {"blue", {0, -1, 0}}};
     std::set<std::string> names;
     for (int f = 0; f < 3; ++f) {
         ASSERT_LT(mesh.faces[f].getMatID(), scene.materialNames.size());
@@ -133,7 +135,8 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
         names.insert(name);
         // Each part's UVs and normals stay with its own corners.
         for (int k = 0; k < 3; ++k) {
-            EXPECT_EQ(mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]], mesh.verts[mesh.faces[f].v[k]]);
+            const Point3 p = mesh.verts[mesh.faces[f].v[k]];
+            EXPECT_EQ(mesh.Map(1).verts[mesh.Map(1).faces[f].t[k]], Point3(p.x, p.z, 0));
             expectNear(nspec->Normal(nspec->GetNormalIndex(f, k)), normalOf.at(name));
         }
     }
@@ -205,22 +208,26 @@ TEST(ImportGltf, TwoUvSetsNormalsAndEmptyNodes) {
 }
 
 TEST(ImportGltf, RootTransformFoldsIntoTopLevelNodes) {
-    // This box's root node turns Z-up to Y-up; with our Y-up to Z-up on top the
-    // mesh node ends up untransformed.
+    // This box's root node turns Z-up to Y-up. The vertices carry our turn
+    // back to Z-up, so the node, conjugated, turns them the other way and the
+    // box stays where its author put it.
     const fs::path file = kModels / "glTF2/BoxTextured-glTF/BoxTextured.gltf";
     if (!fs::exists(file)) GTEST_SKIP() << file << " not installed";
     const ImportedScene scene = importMeshFile(file);
     ASSERT_EQ(scene.nodes.size(), 1u);
     const ImportedNode& node = scene.nodes[0];
     ASSERT_TRUE(node.mesh);
-    for (int i = 0; i < 4; ++i) expectNear(node.transform[i], Matrix3()[i]);
+    expectNear(Point3(0, 0, 1) * node.transform, Point3(0, 1, 0));
+    expectNear(Point3(0, 1, 0) * node.transform, Point3(0, 0, -1));
+    expectNear(node.transform.GetTrans(), Point3(0, 0, 0));
     EXPECT_TRUE(node.mesh->Map(1).supported);
     EXPECT_EQ(scene.materialNames[node.mesh->faces[0].getMatID()], "Texture");
 }
 
 TEST(ImportGltf, HierarchyKeepsLocalTransforms) {
-    // The root holds the mesh here, so it is the one top-level node; only it
-    // carries the turn to Z-up, its descendants keep their own transforms.
+    // The root holds the mesh here, so it is the one top-level node. Every
+    // transform is conjugated by the turn to Z-up: a child's Y-up offset
+    // reads as a Z-up one.
     const fs::path skin = kModels / "glTF2/simple_skin/simple_skin.gltf";
     const fs::path nested = kModels / "glTF2/textureTransform/TextureTransformTest.gltf";
     if (!fs::exists(skin) || !fs::exists(nested)) GTEST_SKIP() << "glTF2 models not installed";
@@ -230,8 +237,8 @@ TEST(ImportGltf, HierarchyKeepsLocalTransforms) {
     EXPECT_EQ(scene.nodes[1].parent, 0);
     EXPECT_EQ(scene.nodes[2].parent, 1);
     EXPECT_TRUE(scene.nodes[0].mesh && !scene.nodes[1].mesh);
-    expectNear(Point3(0, 1, 0) * scene.nodes[0].transform, Point3(0, 0, 1));
-    expectNear(scene.nodes[1].transform.GetTrans(), Point3(0, 1, 0));
+    for (int i = 0; i < 4; ++i) expectNear(scene.nodes[0].transform[i], Matrix3()[i]);
+    expectNear(scene.nodes[1].transform.GetTrans(), Point3(0, 0, 1));
     expectDepthFirst(scene);
     expectDepthFirst(importMeshFile(nested));
 }

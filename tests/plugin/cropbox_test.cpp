@@ -46,7 +46,8 @@ std::string boxObj(const Point3& lo, const Point3& hi, const char* name, int bas
     text << "o " << name << "\n";
     for (int i = 0; i < 8; ++i) {
         const Point3 p = corner(lo, hi, i);
-        text << "v " << p.x << " " << p.y << " " << p.z << "\n";
+        // OBJ is Y-up: written so that the box stands as given once imported.
+        text << "v " << p.x << " " << p.z << " " << -p.y << "\n";
     }
     for (const auto& q : kQuads)
         text << "f " << base + q[0] + 1 << " " << base + q[1] + 1 << " " << base + q[2] + 1 << " "

@@ -45,7 +45,7 @@ std::string gridObj() {
     text << "o grid\n";
     for (int y = 0; y <= kGrid; ++y)
         for (int x = 0; x <= kGrid; ++x)
-            text << "v " << x << " " << y << " " << (x * y) % 3 << "\n";
+            text << "v " << x << " " << (x * y) % 3 << " " << -y << "\n";  // Y-up
     for (int y = 0; y < kGrid; ++y)
         for (int x = 0; x < kGrid; ++x) {
             const int a = y * (kGrid + 1) + x + 1;

@@ -131,7 +131,8 @@ TEST_F(SceneRoundTrip, AFilePatternIsReloadedOnLoad) {
     auto* loaded = dynamic_cast<Mosaiq*>(ip.scene().findNode("Mosaiq001")->GetObjectRef());
     ASSERT_NE(loaded, nullptr);
     EXPECT_TRUE(loaded->patternStore().valid) << loaded->lastPatternError();
-    EXPECT_EQ(loaded->patternStore().box.Width(), mq::Point3(2, 3, 4));
+    // The file is Y-up: its y extent becomes the height.
+    EXPECT_EQ(loaded->patternStore().box.Width(), mq::Point3(2, 4, 3));
     EXPECT_EQ(ip.GetRootNode()->NumberOfChildren(), 1) << "the merged pattern nodes are gone";
 }
 
