@@ -2,6 +2,7 @@
 // crops, frame ranges, -D overrides, output checks before rendering, exit
 // codes, determinism and Ctrl-C.
 #include "support/cli_runner.h"
+#include "support/picture.h"
 
 #include <gtest/gtest.h>
 
@@ -29,29 +30,8 @@ namespace fs = std::filesystem;
 
 using Result = mq::test::CliResult;
 
-struct Picture {
-    int width = 0, height = 0;
-    std::vector<uint8_t> rgba;
-    const uint8_t* at(int x, int y) const { return &rgba[4 * (size_t(y) * width + x)]; }
-};
-
+using mq::test::Picture;
 using mq::test::readText;
-
-Picture readPng(const fs::path& file) {
-    Picture p;
-    auto in = OIIO::ImageInput::open(file.string());
-    if (!in) {
-        ADD_FAILURE() << "cannot read " << file;
-        return p;
-    }
-    const OIIO::ImageSpec& imageSpec = in->spec();
-    p.width = imageSpec.width;
-    p.height = imageSpec.height;
-    EXPECT_EQ(imageSpec.nchannels, 4);
-    p.rgba.resize(size_t(p.width) * p.height * 4);
-    EXPECT_TRUE(in->read_image(0, 0, 0, 4, OIIO::TypeDesc::UINT8, p.rgba.data()));
-    return p;
-}
 
 class RenderCli : public ::testing::Test {
 protected:
@@ -98,7 +78,7 @@ protected:
 TEST_F(RenderCli, TinyRenderHasTheRequestedSizeAndIsDeterministic) {
     const Result r = tiny(path("a.png"));
     ASSERT_EQ(r.code, 0) << r.err;
-    const Picture a = readPng(path("a.png"));
+    const Picture a = mq::test::readPicture(path("a.png"));
     EXPECT_EQ(a.width, 48);
     EXPECT_EQ(a.height, 32);
     int covered = 0;
@@ -114,7 +94,7 @@ TEST_F(RenderCli, CropEqualsTheSameRegionOfTheFullImage) {
     ASSERT_EQ(tiny(path("full.png")).code, 0);
     const Result r = tiny(path("crop.png"), {"--crop", "8,40,4,28"});
     ASSERT_EQ(r.code, 0) << r.err;
-    const Picture full = readPng(path("full.png")), crop = readPng(path("crop.png"));
+    const Picture full = mq::test::readPicture(path("full.png")), crop = mq::test::readPicture(path("crop.png"));
     ASSERT_EQ(crop.width, 48);
     ASSERT_EQ(crop.height, 32);
     int differing = 0, outside = 0;
@@ -163,7 +143,7 @@ TEST_F(RenderCli, FrameRangeWritesNumberedFiles) {
     EXPECT_TRUE(fs::exists(path("seq.0001.png")));
     EXPECT_TRUE(fs::exists(path("seq.0002.png")));
     EXPECT_FALSE(fs::exists(path("seq.png")));
-    EXPECT_EQ(readPng(path("seq.0002.png")).width, 48);
+    EXPECT_EQ(mq::test::readPicture(path("seq.0002.png")).width, 48);
     EXPECT_EQ(tiny(path("seq.png"), {"--frames", "3-1"}).code, 2);
 }
 
@@ -171,8 +151,8 @@ TEST_F(RenderCli, DefinesOverrideSettingsAndParameters) {
     // Render settings: -D sets the size, --resolution wins over it.
     ASSERT_EQ(mosaiq({"render", "examples/pavers-plane.mosaiq", "-o", path("d.png").string(), "-D",
                       "width=20", "-D", "height=10", "--spp", "1", "-q"}).code, 0);
-    EXPECT_EQ(readPng(path("d.png")).width, 20);
-    EXPECT_EQ(readPng(path("d.png")).height, 10);
+    EXPECT_EQ(mq::test::readPicture(path("d.png")).width, 20);
+    EXPECT_EQ(mq::test::readPicture(path("d.png")).height, 10);
     // A node parameter changes the picture: the surface's material swapped.
     ASSERT_EQ(tiny(path("plain.png")).code, 0);
     ASSERT_EQ(tiny(path("changed.png"), {"-D", "Surface.material=ground", "-D", "Mosaiq_pavers.Pattern_On=0"}).code, 0);
