@@ -9,9 +9,19 @@
 
 namespace mq {
 
-// Render the preview of tile at textureSize (the geometric mean of the
-// image's sides, the longer side capped at 2048). The same tile always gives
-// the same image. False when the tile is not built or has no extent.
+// The preview's pixel size for a tile of extent cropSize: the tile's aspect
+// ratio with the geometric mean of the sides at textureSize, the longer
+// side capped at 2048. False (width and height 0) when the extent or the
+// size gives no pixels.
+bool previewImageSize(const Point3& cropSize, int32_t textureSize, int& width, int& height);
+
+// Render the preview of tile at textureSize: RGB the linear ambient light
+// (0..1), alpha the share of the pixel the pattern covers; rows from the
+// tile's largest y down. Casts against the tile alone (no repetition), so
+// light leaving the crop box is never blocked. The same tile always gives
+// the same image. Runs on the calling thread; a tile must not change while
+// it runs. False, with out emptied, when the tile is not built or has no
+// extent. Throws only std::bad_alloc.
 bool renderPreviewTexture(const PatternTile& tile, int32_t textureSize, PreviewImage& out);
 
 }  // namespace mq
