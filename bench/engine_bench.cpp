@@ -48,8 +48,9 @@ void BM_OctreeBuild(benchmark::State& state) {
     for (const PatternFace& f : tile.faces) faces.push_back(&f);
     const int limit = state.range(0) < 0 ? defaultBuildThreadLimit() : int(state.range(0));
     for (auto _ : state) {
-        std::atomic<int> running{0};
-        PatternOctreeNode root(tile.tree->box, faces, 0, 0, running, limit);
+        OctreeBuild build;
+        build.threadLimit = limit;
+        PatternOctreeNode root(tile.tree->box, faces, 0, 0, build);
         linkNeighbours(&root);
         benchmark::DoNotOptimize(&root);
         state.PauseTiming();

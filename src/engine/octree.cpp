@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <string>
 #include <system_error>
 #include <thread>
 
@@ -56,8 +57,7 @@ struct BuildJob {
     int parentDepth = 0;
     PatternOctreeNode** slot = nullptr;  // the parent's children[octant]
     bool threaded = false;
-    std::atomic<int>* runningThreads = nullptr;
-    int threadLimit = 0;
+    OctreeBuild* build = nullptr;
     std::exception_ptr error;  // handed back to the parent after the join
 };
 
@@ -128,7 +128,7 @@ bool overlapWithin(const PatternFace& face, const FaceBounds& bounds, const Box3
 void runJob(BuildJob& job) noexcept {
     // The counter only throttles spawning, so relaxed order is enough; a
     // parent may read it before this thread has counted itself.
-    if (job.threaded) job.runningThreads->fetch_add(1, std::memory_order_relaxed);
+    if (job.threaded) job.build->runningThreads.fetch_add(1, std::memory_order_relaxed);
     try {
         const std::vector<const PatternFace*>& parent = *job.parentFaces;
         std::vector<uint8_t> overlaps(parent.size());
@@ -145,11 +145,11 @@ void runJob(BuildJob& job) noexcept {
         }
         *job.slot =
             new PatternOctreeNode(job.box, std::move(faces), job.octant, job.parentDepth + 1,
-                                  *job.runningThreads, job.threadLimit);
+                                  *job.build);
     } catch (...) {
         job.error = std::current_exception();
     }
-    if (job.threaded) job.runningThreads->fetch_sub(1, std::memory_order_relaxed);
+    if (job.threaded) job.build->runningThreads.fetch_sub(1, std::memory_order_relaxed);
 }
 
 PatternOctreeNode* mutableLocateToDepth(PatternOctreeNode* node, const Point3& p, int maxDepth) {
@@ -179,9 +179,12 @@ int defaultBuildThreadLimit() {
 }
 
 PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const PatternFace*> faces_,
-                                     int octant_, int depth_, std::atomic<int>& runningThreads,
-                                     int threadLimit)
+                                     int octant_, int depth_, OctreeBuild& build)
     : box(box_), centre((box_.pmin + box_.pmax) / 2.0f), depth(depth_), octant(octant_) {
+    if (build.nodes.fetch_add(1, std::memory_order_relaxed) >= build.nodeLimit) {
+        throw OctreeTooLarge("the pattern's faces pile up so that its octree would pass " +
+                             std::to_string(build.nodeLimit) + " nodes");
+    }
     const int count = static_cast<int>(faces_.size());
     // More than ten faces per level of depth, and never below depth 16.
     if (!(depth * 10 < count && depth < kMaxDepth)) {
@@ -207,10 +210,9 @@ PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const Pattern
         job.octant = i;
         job.parentDepth = depth;
         job.slot = &children[i];
-        job.runningThreads = &runningThreads;
-        job.threadLimit = threadLimit;
+        job.build = &build;
         // A soft limit: started threads count themselves only once running.
-        if (runningThreads.load(std::memory_order_relaxed) < threadLimit) {
+        if (build.runningThreads.load(std::memory_order_relaxed) < build.threadLimit) {
             job.threaded = true;
             try {
                 threads[i] = std::thread(runJob, std::ref(job));

@@ -6,9 +6,11 @@
 #include "engine/tile.h"
 #include "host/math.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 namespace mq {
@@ -19,15 +21,38 @@ enum BoxSide : int { kSideNegX = 0, kSidePosX, kSideNegY, kSidePosY, kSideNegZ, 
 // The tile build's thread limit: twice the processor count, at least 2.
 int defaultBuildThreadLimit();
 
+// What every node of one tree build shares.
+struct OctreeBuild {
+    // The most nodes any tree may have. Faces piled up over the whole tile
+    // would otherwise split down to the depth limit: up to 8^16 nodes.
+    static constexpr int64_t kMaxNodes = int64_t(1) << 23;
+    // The limit for a tile of faceCount faces: real patterns stay well below
+    // one node per face, so a pile-up fails in a fraction of a second.
+    static int64_t nodeLimitFor(int64_t faceCount) {
+        return std::clamp<int64_t>(64 * faceCount, int64_t(1) << 16, kMaxNodes);
+    }
+
+    // Worker threads running; a new one is started only while below threadLimit
+    // (0: build on the calling thread only). The tree is the same whatever the limit.
+    std::atomic<int> runningThreads{0};
+    int threadLimit = 0;
+    std::atomic<int64_t> nodes{0};
+    int64_t nodeLimit = kMaxNodes;
+};
+
+// The build passed its node limit.
+class OctreeTooLarge : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 class PatternOctreeNode {
 public:
-    // Builds the whole subtree over faces (which the node takes over).
-    // runningThreads throttles how many worker threads are started: a new
-    // one only while it is below threadLimit (0: build on this thread only).
-    // The tree is the same whatever the limit. Throws only std::bad_alloc,
-    // after joining its threads and freeing what it built.
+    // Builds the whole subtree over faces (which the node takes over). Throws
+    // std::bad_alloc or OctreeTooLarge, after joining its threads and freeing
+    // what it built.
     PatternOctreeNode(const Box3& box, std::vector<const PatternFace*> faces, int octant,
-                      int depth, std::atomic<int>& runningThreads, int threadLimit);
+                      int depth, OctreeBuild& build);
     ~PatternOctreeNode();
 
     bool isLeaf() const { return children[0] == nullptr; }

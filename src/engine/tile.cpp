@@ -145,6 +145,7 @@ void PatternTile::release() {
 
 bool PatternTile::capture(ParamBlock* pblock, TimeValue t) {
     if (built) return true;
+    failure.clear();
     if (!pblock) return false;
     try {
         Mesh mesh;
@@ -173,6 +174,10 @@ bool PatternTile::capture(ParamBlock* pblock, TimeValue t) {
         build(mesh, toTile, size, segU, segV);
         built = true;
         return true;
+    } catch (const OctreeTooLarge& e) {
+        release();
+        failure = e.what();
+        return false;
     } catch (...) {
         release();
         return false;
@@ -240,10 +245,16 @@ void PatternTile::build(Mesh& mesh, const Matrix3& toTileIn, const Point3& cropS
 
     std::vector<const PatternFace*> all(faceCount);
     for (int f = 0; f < faceCount; ++f) all[f] = &faces[f];
-    std::atomic<int> runningThreads{0};
-    tree = std::make_unique<PatternOctreeNode>(
-        Box3(boundsMin, boundsMax), std::move(all), 0, 0, runningThreads,
-        threadLimit < 0 ? defaultBuildThreadLimit() : threadLimit);
+    OctreeBuild octreeBuild;
+    octreeBuild.threadLimit = threadLimit < 0 ? defaultBuildThreadLimit() : threadLimit;
+    octreeBuild.nodeLimit = OctreeBuild::nodeLimitFor(faceCount);
+    try {
+        tree = std::make_unique<PatternOctreeNode>(Box3(boundsMin, boundsMax), std::move(all), 0,
+                                                   0, octreeBuild);
+    } catch (...) {
+        release();
+        throw;
+    }
     linkNeighbours(tree.get());
 
     // Every channel the mesh supports, with each face's three corners.

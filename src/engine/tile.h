@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace mq {
@@ -44,7 +45,8 @@ public:
 
     // Capture the pattern of a Mosaiq parameter block at time t, from the
     // scene node or from the pattern file. True at once when already built.
-    // False on failure, leaving the tile unbuilt. The file path needs a
+    // False on failure, leaving the tile unbuilt; failure then says why when
+    // the pattern was read but its tree could not be built. The file path needs a
     // current HostInterface; the merged nodes are gone again on return.
     // Main thread only; never throws.
     bool capture(ParamBlock* pblock, TimeValue t);
@@ -59,11 +61,13 @@ public:
     // the mesh's face count) but have all three corners on vertex 0 (on a
     // fixed origin point when there are no vertices), so they are degenerate
     // and never hit; out-of-range normal and map indices read a fixed up
-    // normal and a zero UVW.
+    // normal and a zero UVW. Throws std::bad_alloc or OctreeTooLarge,
+    // leaving the tile released.
     void build(Mesh& mesh, const Matrix3& toTile, const Point3& cropSize, int segU, int segV,
                int threadLimit = -1);
 
     bool built = false;
+    std::string failure;  // why the last capture failed, when the cause is the tile's own
     int32_t segmentCountU = 1;
     int32_t segmentCountV = 1;
     std::vector<Point3> vertices;

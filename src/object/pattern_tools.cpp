@@ -110,7 +110,7 @@ bool MosaiqPatternTools::captureTile(TimeValue t, PatternTile& tile, std::string
     // A scene pattern is sampled into the store here when it is not yet.
     obj_.ObjectValidity(t);
     if (!tile.capture(pb, t)) {
-        error = captureProblem(*pb, t);
+        error = tile.failure.empty() ? captureProblem(*pb, t) : tile.failure;
         return false;
     }
     // A file's mesh may have no faces; such a tile shows nothing.

@@ -56,8 +56,9 @@ const Box3 kCube(Point3(0, 0, 0), Point3(16, 16, 16));  // power-of-two cells: e
 std::unique_ptr<PatternOctreeNode> buildTree(const std::vector<const PatternFace*>& faces,
                                              int depth = 0, int threadLimit = 0,
                                              const Box3& box = kCube) {
-    std::atomic<int> running{0};
-    auto root = std::make_unique<PatternOctreeNode>(box, faces, 0, depth, running, threadLimit);
+    OctreeBuild build;
+    build.threadLimit = threadLimit;
+    auto root = std::make_unique<PatternOctreeNode>(box, faces, 0, depth, build);
     linkNeighbours(root.get());
     return root;
 }
@@ -199,7 +200,7 @@ TEST(OctreeBoxes, ExitTiesGoToTheEarlierAxisAndClipsNeedToEnter) {
 struct OneLeaf {
     explicit OneLeaf(const std::vector<const PatternFace*>& faces,
                      const Box3& box = Box3(Point3(-kInf, -kInf, -kInf), Point3(kInf, kInf, kInf)))
-        : node(box, faces, 0, 16, running, 0) {}
+        : node(box, faces, 0, 16, build) {}
     // Straight down from z = 10.
     bool hit(float x, float y, float tStart = 0, float tEnd = 100, int64_t skipKey = -1) {
         ray = TileRay{};
@@ -212,7 +213,7 @@ struct OneLeaf {
         result = TileHit{};
         return intersectLeaf(node, ray, result);
     }
-    std::atomic<int> running{0};
+    OctreeBuild build;
     PatternOctreeNode node;
     TileRay ray;
     TileHit result;

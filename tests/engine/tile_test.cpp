@@ -182,6 +182,27 @@ TEST(TileBuild, BrokenMeshesBuildAndWalkWithoutCrashing) {
     }
 }
 
+TEST(TileBuild, FacesPiledOverTheWholeTileFailCleanlyInsteadOfExploding) {
+    // 100 copies of a face across the tile: every child the plane passes
+    // through overlaps them all, so the tree would split down to depth 10,
+    // a million nodes for 100 faces.
+    Mesh m;
+    m.verts = {{-1, -1, 1}, {9, -1, 1}, {-1, 9, 1}};
+    m.faces.assign(100, Face{{0, 1, 2}, 1, 0});
+    HostInterface host;
+    auto node = std::make_unique<Node>("Pile");
+    node->SetObjectRef(new TriObject(m));
+    Node* pile = host.GetRootNode()->attachChild(std::move(node));
+    mosaiq::test::MosaiqPtr obj = newMosaiq();
+    ParamBlock* pb = obj->GetParamBlock(0);
+    pb->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceScene);
+    pb->SetValue(mosaiq::kPattern, 0, pile);
+    PatternTile tile;
+    EXPECT_FALSE(tile.capture(pb, 0));
+    EXPECT_NE(tile.failure.find("octree"), std::string::npos) << tile.failure;
+    EXPECT_TRUE(!tile.tree && tile.faceCount == 0) << "a failed build leaves the tile released";
+}
+
 class TileCapture : public ::testing::Test {
 protected:
     Node* addNode(const std::string& name, Object* obj, const Matrix3& tm = Matrix3()) {
