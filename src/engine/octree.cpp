@@ -143,9 +143,8 @@ void runJob(BuildJob& job) noexcept {
         for (size_t i = 0; i < parent.size(); ++i) {
             if (overlaps[i]) faces.push_back(parent[i]);
         }
-        *job.slot =
-            new PatternOctreeNode(job.box, std::move(faces), job.octant, job.parentDepth + 1,
-                                  *job.build);
+        *job.slot = new PatternOctreeNode(job.box, std::move(faces), job.octant,
+                                          job.parentDepth + 1, *job.build);
     } catch (...) {
         job.error = std::current_exception();
     }
@@ -190,6 +189,7 @@ PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const Pattern
     if (!(depth * 10 < count && depth < kMaxDepth)) {
         faces = std::move(faces_);
         faceCount = count;
+        packBlocks();
         return;
     }
 
@@ -236,6 +236,28 @@ PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const Pattern
     }
     for (PatternOctreeNode* child : children) child->parent = this;
     // faces_ (the list handed to this node) is freed on return.
+}
+
+void PatternOctreeNode::packBlocks() {
+    blocks.assign((faces.size() + 3) / 4, LeafFaceBlock{});
+    for (size_t i = 0; i < faces.size(); ++i) {
+        const PatternFace& f = *faces[i];
+        LeafFaceBlock& b = blocks[i / 4];
+        const int lane = int(i % 4);
+        b.normalX[lane] = f.faceNormal.x;
+        b.normalY[lane] = f.faceNormal.y;
+        b.normalZ[lane] = f.faceNormal.z;
+        b.planeDistance[lane] = f.planeDistance;
+        b.originU[lane] = f.originU;
+        b.originV[lane] = f.originV;
+        b.edgeU1[lane] = f.edgeU1;
+        b.edgeV1[lane] = f.edgeV1;
+        b.edgeU2[lane] = f.edgeU2;
+        b.edgeV2[lane] = f.edgeV2;
+        b.axisU[lane] = f.axisU;
+        b.axisV[lane] = f.axisV;
+        b.faceIndex[lane] = f.faceIndex;
+    }
 }
 
 PatternOctreeNode::~PatternOctreeNode() {
@@ -334,38 +356,65 @@ bool clipRayToBox(const Point3& origin, const Point3& direction, const Box3& box
     return tStart < tEnd;
 }
 
+namespace {
+
+Float4 splat(float v) { return Float4{v, v, v, v}; }
+
+// Per lane, p's component on axis (0 x, 1 y, otherwise z).
+Float4 onAxis(const Int4& axis, const Float4& x, const Float4& y, const Float4& z) {
+    const Int4 isX = axis == 0, isY = axis == 1;
+    return (Float4)(((Int4)x & isX) | ((Int4)y & isY) | ((Int4)z & ~(isX | isY)));
+}
+
+}  // namespace
+
 bool intersectLeaf(const PatternOctreeNode& leaf, TileRay& ray, TileHit& hit) {
     bool found = false;
-    // Every face is tested: a later face at the same distance replaces an
-    // earlier one, because tEnd shrinks to the hit and the range is inclusive.
-    for (const PatternFace* face : leaf.faces) {
-        const int64_t key = faceKeyOf(ray.ownerKey, face->faceIndex);
-        if (key == ray.skipKey) continue;  // the face the ray starts on
-
-        // Both sides alike; a degenerate face has a zero normal and fails here.
-        const float denom = DotProd(ray.direction, face->faceNormal);
-        if (denom == 0.0f) continue;
-        const float t = (face->planeDistance - DotProd(ray.origin, face->faceNormal)) / denom;
-        if (!(ray.tStart <= t && t <= ray.tEnd)) continue;
+    const Float4 dx = splat(ray.direction.x), dy = splat(ray.direction.y),
+                 dz = splat(ray.direction.z);
+    const Float4 ox = splat(ray.origin.x), oy = splat(ray.origin.y), oz = splat(ray.origin.z);
+    const Float4 tStart = splat(ray.tStart);
+    const Box3& box = leaf.box;
+    // Four faces at a time, each lane with the operations of the one-face
+    // test in the same order, so every lane's result is that test's bit for
+    // bit. Only the range's end depends on the faces before: lanes are
+    // screened against the end as the block starts (it only shrinks) and
+    // settled one by one, in order, below.
+    for (const LeafFaceBlock& b : leaf.blocks) {
+        // Both sides alike; a degenerate face (or an empty lane) has a zero
+        // normal and fails here.
+        const Float4 denom = dx * b.normalX + dy * b.normalY + dz * b.normalZ;
+        const Float4 t =
+            (b.planeDistance - (ox * b.normalX + oy * b.normalY + oz * b.normalZ)) / denom;
+        Int4 ok = (denom != 0.0f) & (tStart <= t) & (t <= splat(ray.tEnd));
 
         // Hits outside the leaf belong to the leaf they lie in.
-        const Point3 p = ray.direction * t + ray.origin;
-        if (!leaf.box.Contains(p)) continue;
+        const Float4 px = dx * t + ox, py = dy * t + oy, pz = dz * t + oz;
+        ok &= (px >= box.pmin.x) & (px <= box.pmax.x) & (py >= box.pmin.y) & (py <= box.pmax.y) &
+              (pz >= box.pmin.z) & (pz <= box.pmax.z);
 
-        const float du = p[face->axisU] - face->originU;
-        const float dv = p[face->axisV] - face->originV;
-        const float beta = face->edgeV2 * du - face->edgeU2 * dv;
-        const float gamma = face->edgeU1 * dv - face->edgeV1 * du;
+        const Float4 du = onAxis(b.axisU, px, py, pz) - b.originU;
+        const Float4 dv = onAxis(b.axisV, px, py, pz) - b.originV;
+        const Float4 beta = b.edgeV2 * du - b.edgeU2 * dv;
+        const Float4 gamma = b.edgeU1 * dv - b.edgeV1 * du;
         // No epsilon. Written as a test for inside so that a NaN weight (a
         // sliver whose scaled edges overflowed) is a miss, not a hit.
-        if (!(beta >= 0.0f && gamma >= 0.0f && beta + gamma <= 1.0f)) continue;
+        ok &= (beta >= 0.0f) & (gamma >= 0.0f) & (beta + gamma <= 1.0f);
 
-        ray.tEnd = t;
-        hit.faceKey = key;
-        hit.faceIndex = face->faceIndex;
-        hit.beta = beta;
-        hit.gamma = gamma;
-        found = true;
+        if (!(ok[0] | ok[1] | ok[2] | ok[3])) continue;
+        // Every face is tested: a later face at the same distance replaces an
+        // earlier one, because tEnd shrinks to the hit and the range is inclusive.
+        for (int lane = 0; lane < 4; ++lane) {
+            if (!ok[lane] || !(t[lane] <= ray.tEnd)) continue;
+            const int64_t key = faceKeyOf(ray.ownerKey, b.faceIndex[lane]);
+            if (key == ray.skipKey) continue;  // the face the ray starts on
+            ray.tEnd = t[lane];
+            hit.faceKey = key;
+            hit.faceIndex = b.faceIndex[lane];
+            hit.beta = beta[lane];
+            hit.gamma = gamma[lane];
+            found = true;
+        }
     }
     return found;
 }

@@ -21,6 +21,21 @@ enum BoxSide : int { kSideNegX = 0, kSidePosX, kSideNegY, kSidePosY, kSideNegZ, 
 // The tile build's thread limit: twice the processor count, at least 2.
 int defaultBuildThreadLimit();
 
+// Four lanes of single-precision floats or 32-bit integers (GCC and Clang
+// vector extensions: plain IEEE operations per lane, on any target).
+typedef float Float4 __attribute__((vector_size(16)));
+typedef int32_t Int4 __attribute__((vector_size(16)));
+
+// What the ray test reads of four of a leaf's faces, one field per vector,
+// stored in the leaf itself so its faces sit together in memory. Lanes past
+// the leaf's last face have a zero normal, which the test skips.
+struct LeafFaceBlock {
+    Float4 normalX, normalY, normalZ, planeDistance;
+    Float4 originU, originV, edgeU1, edgeV1, edgeU2, edgeV2;
+    Int4 axisU, axisV;
+    Int4 faceIndex;
+};
+
 // What every node of one tree build shares.
 struct OctreeBuild {
     // The most nodes any tree may have. Faces piled up over the whole tile
@@ -51,21 +66,24 @@ public:
     // Builds the whole subtree over faces (which the node takes over). Throws
     // std::bad_alloc or OctreeTooLarge, after joining its threads and freeing
     // what it built.
-    PatternOctreeNode(const Box3& box, std::vector<const PatternFace*> faces, int octant,
-                      int depth, OctreeBuild& build);
+    PatternOctreeNode(const Box3& box, std::vector<const PatternFace*> faces, int octant, int depth,
+                      OctreeBuild& build);
     ~PatternOctreeNode();
 
     bool isLeaf() const { return children[0] == nullptr; }
+    // Fill blocks from faces.
+    void packBlocks();
 
     Box3 box;
     Point3 centre;
     int32_t depth = 0;
     int32_t octant = 0;
     int32_t faceCount = 0;
-    std::vector<const PatternFace*> faces; // a leaf's faces; empty in an inner node
+    std::vector<const PatternFace*> faces;  // a leaf's faces; empty in an inner node
+    std::vector<LeafFaceBlock> blocks;      // the same faces, in the same order, four a block
     PatternOctreeNode* children[8] = {};
     PatternOctreeNode* parent = nullptr;
-    PatternOctreeNode* neighbour[6] = {}; // -X, +X, -Y, +Y, -Z, +Z
+    PatternOctreeNode* neighbour[6] = {};  // -X, +X, -Y, +Y, -Z, +Z
 };
 
 // Fill the neighbour links of node and its whole subtree (top-down).
@@ -109,4 +127,4 @@ struct OctreeStats {
 };
 OctreeStats octreeStats(const PatternOctreeNode* root);
 
-} // namespace mq
+}  // namespace mq

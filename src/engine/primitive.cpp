@@ -101,6 +101,9 @@ bool MosaiqPrimitive::intersect(WorldRay& ray, TileHit& hit) const {
         } else if (DotProd(origin - plane.point, plane.normal) > 0.0f) {
             return false;  // parallel to the plane and outside it
         }
+        // The range only shrinks: once empty it stays so (NaN is left to
+        // the test below).
+        if (tileRay.tStart > tileRay.tEnd) return false;
     }
     if (!(tileRay.tStart <= tileRay.tEnd)) return false;
 
