@@ -84,7 +84,7 @@ struct RenderOptions {
     std::string crop;                    // "x0,x1,y0,y1" in pixels; empty: whole image
     std::vector<std::string> defines;    // -D key=value: render setting or Node.Param
     bool quiet = false;
-    std::string pass;                    // empty: beauty; normal, depth or objectid
+    std::string pass;                    // empty: beauty; normal, depth, objectid or uv
 };
 
 struct PreviewOptions {

@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
         ->allow_extra_args(false);
     render->add_flag("-q,--quiet", renderOpt.quiet, "No progress output");
     render->add_option("--pass", renderOpt.pass, "Write a debug pass instead of the image")
-        ->check(CLI::IsMember({"normal", "depth", "objectid"}));
+        ->check(CLI::IsMember({"normal", "depth", "objectid", "uv"}));
 
     PreviewOptions previewOpt;
     CLI::App* preview = app.add_subcommand(
@@ -129,7 +129,8 @@ int main(int argc, char** argv) {
     bake->add_option("-o,--output", bakeOpt.output, "Mesh file (.glb or .obj)")->required();
     bake->add_option("--frame", bakeOpt.frame, "Frame to bake")->check(CLI::Range(-1000000, 1000000));
     bake->add_option("--max-triangles", bakeOpt.maxTriangles,
-                     "Refuse to bake more triangles than this")
+                     "Refuse a bake of more triangles than this: nothing is written and the "
+                     "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
     try {

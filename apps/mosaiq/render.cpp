@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cmath>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <iomanip>
@@ -89,7 +89,8 @@ const char* const kRenderKeys[] = {"width", "height", "spp", "seed", "maxDepth",
 // -D key=value: a render setting, or Node.Param=value (the last dot splits).
 void applyDefine(mq::Scene& scene, const std::string& define) {
     const size_t eq = define.find('=');
-    if (eq == std::string::npos || eq == 0) usage("-D: expected key=value, found \"" + define + "\"");
+    if (eq == std::string::npos || eq == 0)
+        usage("-D: expected key=value, found \"" + define + "\"");
     const std::string key = define.substr(0, eq), value = define.substr(eq + 1);
     const size_t dot = key.rfind('.');
     if (dot != std::string::npos) {
@@ -102,8 +103,8 @@ void applyDefine(mq::Scene& scene, const std::string& define) {
     if (std::find(std::begin(kRenderKeys), std::end(kRenderKeys), key) == std::end(kRenderKeys)) {
         std::string keys;
         for (const char* k : kRenderKeys) keys += (keys.empty() ? "" : ", ") + std::string(k);
-        usage("-D " + define + ": unknown render setting \"" + key + "\" (render settings: " +
-              keys + "; node parameters as Node.Param=value)");
+        usage("-D " + define + ": unknown render setting \"" + key +
+              "\" (render settings: " + keys + "; node parameters as Node.Param=value)");
     }
     const auto v = parseWhole(value);
     if (!v) usage("-D " + define + ": \"" + value + "\" is not a whole number");
@@ -135,7 +136,8 @@ void checkWritable(const fs::path& out) {
         throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
     if (fs::is_directory(out, ec))
         throw CliError(kExitOutput, out.string() + ": is a folder, not an image file");
-    const fs::path probe = dir / ("." + out.filename().string() + ".probe" + std::to_string(getpid()));
+    const fs::path probe =
+        dir / ("." + out.filename().string() + ".probe" + std::to_string(getpid()));
     const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (fd < 0) {
         throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
@@ -147,9 +149,11 @@ void checkWritable(const fs::path& out) {
 
 void checkExtension(const fs::path& out) {
     std::string ext = out.extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     if (ext != ".png" && ext != ".jpg" && ext != ".jpeg" && ext != ".exr")
-        usage("-o " + out.string() + ": unsupported image format \"" + ext + "\" (use .png, .jpg or .exr)");
+        usage("-o " + out.string() + ": unsupported image format \"" + ext +
+              "\" (use .png, .jpg or .exr)");
 }
 
 // Progress on stderr: a bar redrawn in place on a terminal, a line per
@@ -213,6 +217,8 @@ void showPass(mq::tracer::Image& img, const std::string& pass) {
             // A fixed colour per id: golden-ratio hues.
             uint32_t h = uint32_t(img.objectId[i]) * 2654435761u;
             for (int a = 0; a < 3; ++a, h >>= 8) c[a] = 0.25f + 0.75f * float(h & 0xff) / 255.0f;
+        } else if (pass == "uv" && hit) {
+            for (int a = 0; a < 3; ++a) c[a] = img.uv[3 * i + a];  // UVW of map channel 1
         }
         for (int a = 0; a < 3; ++a) img.rgba[4 * i + a] = linear(c[a]);
         img.rgba[4 * i + 3] = hit ? 1.0f : 0.0f;
@@ -220,7 +226,8 @@ void showPass(mq::tracer::Image& img, const std::string& pass) {
 }
 
 struct SignalGuard {
-    struct sigaction oldInt {}, oldTerm {};
+    struct sigaction oldInt {
+    }, oldTerm{};
     SignalGuard() {
         gInterrupted = 0;
         struct sigaction sa {};
@@ -238,8 +245,9 @@ struct SignalGuard {
 }  // namespace
 
 int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
-    if (!opt.pass.empty() && opt.pass != "normal" && opt.pass != "depth" && opt.pass != "objectid")
-        usage("--pass: expected normal, depth or objectid, found \"" + opt.pass + "\"");
+    if (!opt.pass.empty() && opt.pass != "normal" && opt.pass != "depth" &&
+        opt.pass != "objectid" && opt.pass != "uv")
+        usage("--pass: expected normal, depth, objectid or uv, found \"" + opt.pass + "\"");
     SignalGuard signals;
     const auto started = std::chrono::steady_clock::now();
 
@@ -252,27 +260,31 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
         loadSceneOrFail(ip, opt.scene);
     }
     mq::Scene& scene = ip.scene();
+    const std::string sceneName = opt.scene.empty() ? "demo scene" : opt.scene.string();
     for (const std::string& d : opt.defines) applyDefine(scene, d);
 
     mq::tracer::RenderSettings settings;
     try {
         settings = mq::tracer::RenderSettings::fromJson(scene.render);
     } catch (const mq::tracer::RenderError& e) {
-        throw CliError(opt.defines.empty() ? kExitInput : kExitUsage,
-                       (opt.scene.empty() ? std::string("demo scene") : opt.scene.string()) +
-                           ": " + e.what());
+        throw CliError(opt.defines.empty() ? kExitInput : kExitUsage, sceneName + ": " + e.what());
     }
-    if (!opt.resolution.empty()) std::tie(settings.width, settings.height) = parseResolution(opt.resolution);
+    if (!opt.resolution.empty())
+        std::tie(settings.width, settings.height) = parseResolution(opt.resolution);
     if (opt.spp > 0) settings.samplesPerPixel = opt.spp;
     if (opt.threads >= 0) settings.threads = opt.threads;
     if (opt.seed >= 0) settings.seed = uint32_t(opt.seed);
     if (!opt.crop.empty()) settings.crop = parseCrop(opt.crop, settings.width, settings.height);
-    const auto [firstFrame, lastFrame] = opt.frames.empty() ? std::pair{0, 0} : parseFrames(opt.frames);
+    // Textures and dome images named relative to the scene file.
+    if (!opt.scene.empty()) settings.assetFolder = fs::absolute(opt.scene).parent_path();
+    const auto [firstFrame, lastFrame] =
+        opt.frames.empty() ? std::pair{0, 0} : parseFrames(opt.frames);
 
     // Every output is checked before any rendering starts.
     fs::path out = opt.output;
-    if (out.empty()) out = opt.scene.empty() ? fs::path("mosaiq-demo.png")
-                                             : fs::path(opt.scene.stem().string() + ".png");
+    if (out.empty())
+        out = opt.scene.empty() ? fs::path("mosaiq-demo.png")
+                                : fs::path(opt.scene.stem().string() + ".png");
     checkExtension(out);
     const bool numbered = lastFrame > firstFrame;
     for (int f = firstFrame; f <= lastFrame; ++f) checkWritable(frameOutput(out, f, numbered));
@@ -293,6 +305,9 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
             mq::tracer::Image img;
             try {
                 img = renderer.renderFrame(f);
+            } catch (const mq::tracer::InputError& e) {
+                progress.endFrame();
+                throw CliError(kExitInput, sceneName + ": " + e.what());
             } catch (const mq::tracer::RenderError& e) {
                 progress.endFrame();
                 throw CliError(kExitRender, "frame " + std::to_string(f) + ": " + e.what());
@@ -304,9 +319,9 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
 
             writing = frameOutput(out, f, numbered);
             try {
-                mq::tracer::writeImage(writing, img,
-                                       {{"Software", "mosaiq " MOSAIQ_VERSION},
-                                        {"mosaiq:frame", std::to_string(f)}});
+                mq::tracer::writeImage(
+                    writing, img,
+                    {{"Software", "mosaiq " MOSAIQ_VERSION}, {"mosaiq:frame", std::to_string(f)}});
             } catch (const mq::tracer::RenderError& e) {
                 throw CliError(kExitOutput, e.what());
             }
@@ -324,6 +339,8 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
         }
         std::cerr << "\nmosaiq: interrupted; no image written for the unfinished frame\n";
         return kExitInterrupted;
+    } catch (const mq::tracer::InputError& e) {
+        throw CliError(kExitInput, sceneName + ": " + e.what());
     } catch (const mq::tracer::RenderError& e) {
         throw CliError(kExitRender, e.what());
     }

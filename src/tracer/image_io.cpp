@@ -3,10 +3,10 @@
 
 #include <OpenImageIO/imageio.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <cmath>
 #include <system_error>
-#include <unistd.h>
 
 namespace mq::tracer {
 
@@ -31,10 +31,11 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
     const size_t n = size_t(img.width) * img.height;
     if (ext == ".exr") {
         // RGBA, then the passes as layers.
-        const int nc = 9;
+        const int nc = 12;
         OIIO::ImageSpec imageSpec(img.width, img.height, nc, OIIO::TypeDesc::FLOAT);
-        imageSpec.channelnames = {"R", "G", "B", "A", "normal.X", "normal.Y", "normal.Z", "depth.Z",
-                             "objectId.id"};
+        imageSpec.channelnames = {"R",           "G",        "B",        "A",
+                                  "normal.X",    "normal.Y", "normal.Z", "depth.Z",
+                                  "objectId.id", "uv.U",     "uv.V",     "uv.W"};
         imageSpec.alpha_channel = 3;
         imageSpec.z_channel = 7;
         imageSpec.attribute("compression", "zip");
@@ -46,6 +47,8 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
             std::copy_n(&img.normal[3 * i], 3, d + 4);
             d[7] = img.depth[i];
             d[8] = img.objectId[i];
+            // Images built by hand may lack the pass.
+            if (img.uv.size() == 3 * n) std::copy_n(&img.uv[3 * i], 3, d + 9);
         }
         if (!out->open(file.string(), imageSpec) ||
             !out->write_image(OIIO::TypeDesc::FLOAT, px.data()) || !out->close()) {
@@ -63,11 +66,12 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
     for (size_t i = 0; i < n; ++i) {
         for (int c = 0; c < 3; ++c) px[i * nc + c] = toSrgb8(img.rgba[4 * i + c]);
         if (nc == 4) {
-            px[i * nc + 3] = uint8_t(std::lround(std::clamp(img.rgba[4 * i + 3], 0.0f, 1.0f) * 255.0f));
+            px[i * nc + 3] =
+                uint8_t(std::lround(std::clamp(img.rgba[4 * i + 3], 0.0f, 1.0f) * 255.0f));
         }
     }
-    if (!out->open(file.string(), imageSpec) || !out->write_image(OIIO::TypeDesc::UINT8, px.data()) ||
-        !out->close()) {
+    if (!out->open(file.string(), imageSpec) ||
+        !out->write_image(OIIO::TypeDesc::UINT8, px.data()) || !out->close()) {
         throw RenderError(out->geterror());
     }
 }
@@ -87,7 +91,10 @@ void writeImage(const std::filesystem::path& path, const Image& image,
     }
     // The temporary keeps the extension: OpenImageIO picks the format by it.
     std::string tmpName = ".";
-    tmpName.append(path.stem().string()).append(".tmp").append(std::to_string(getpid())).append(ext);
+    tmpName.append(path.stem().string())
+        .append(".tmp")
+        .append(std::to_string(getpid()))
+        .append(ext);
     const std::filesystem::path tmp = path.parent_path() / tmpName;
     try {
         writeWith(tmp, ext, image, metadata);

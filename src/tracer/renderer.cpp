@@ -42,8 +42,13 @@ StaticBox& StaticBox::operator+=(const StaticBox& b) {
 }
 
 Image::Image(int w, int h)
-    : width(w), height(h), rgba(size_t(w) * h * 4, 0.0f), normal(size_t(w) * h * 3, 0.0f),
-      depth(size_t(w) * h, 0.0f), objectId(size_t(w) * h, 0.0f) {}
+    : width(w),
+      height(h),
+      rgba(size_t(w) * h * 4, 0.0f),
+      normal(size_t(w) * h * 3, 0.0f),
+      depth(size_t(w) * h, 0.0f),
+      objectId(size_t(w) * h, 0.0f),
+      uv(size_t(w) * h * 3, 0.0f) {}
 
 RenderSettings RenderSettings::fromJson(const nlohmann::json& render) {
     RenderSettings s;
@@ -232,7 +237,8 @@ void userOccluded(const RTCOccludedFunctionNArguments* args) {
 
 void embreeError(void* userPtr, RTCError code, const char* str) {
     auto* last = static_cast<std::string*>(userPtr);
-    if (last->empty()) *last = "Embree error " + std::to_string(int(code)) + ": " + (str ? str : "");
+    if (last->empty())
+        *last = "Embree error " + std::to_string(int(code)) + ": " + (str ? str : "");
 }
 
 // Per render thread, on its own cache line.
@@ -276,7 +282,9 @@ struct Renderer::Impl : RenderCore, RayServer {
     std::vector<ObjectEntry> objects;
     std::vector<InstanceEntry> instances;
     std::vector<MeshNode> meshNodes;
+    std::unique_ptr<AssetCache> assets;  // the images materials and lights point into
     std::vector<Material> materials;
+    std::vector<Light> lights;
     std::map<std::string, int> materialIndex;
     std::map<const RenderInstance*, const InstanceEntry*> instanceOf;
     int nextRenderId = 1;
@@ -287,7 +295,6 @@ struct Renderer::Impl : RenderCore, RayServer {
     std::vector<std::unique_ptr<DynamicGeom>> dynamics;
     std::vector<GeomRecord> records;  // by Embree geometry id
     RTCScene rtc = nullptr;
-    std::vector<Light> lights;
     Camera camera;
     std::vector<ThreadState> threadStates;
 
@@ -353,14 +360,18 @@ void Renderer::Impl::begin() {
     rtcSetDeviceErrorFunction(device, embreeError, &embreeErrorText);
     begun = true;  // from here on end() undoes what begin() did
 
-    // Material 0 is the default for nodes without one.
+    // Scene data and the images it names, before any render object is
+    // touched: bad input fails here. Material 0 is the default for nodes
+    // without one.
+    assets = std::make_unique<AssetCache>(settings.assetFolder);
     materials = {Material{}};
     if (scene.materials.is_object()) {
         for (const auto& [name, j] : scene.materials.items()) {
             materialIndex[name] = int(materials.size());
-            materials.push_back(parseMaterial(j, "/materials/" + name, warn));
+            materials.push_back(parseMaterial(j, name, *assets, warn));
         }
     }
+    lights = parseLights(scene.lights, *assets);
 
     // Renderable nodes: render objects get instances, the rest become meshes.
     int objectId = 0;
@@ -411,6 +422,10 @@ void Renderer::Impl::end() {
     }
     objects.clear();
     meshNodes.clear();
+    materials.clear();
+    materialIndex.clear();
+    lights.clear();
+    assets.reset();
     if (device) rtcReleaseDevice(device);
     device = nullptr;
     begun = false;
@@ -475,7 +490,9 @@ void Renderer::Impl::buildScene() {
         }
         for (const auto& e : dyn->perThread[0]) same = same && e.intersect != nullptr;
         if (!same) {
-            if (ok) warning(name + " left out: its expansions differ between threads or lack entry points");
+            if (ok)
+                warning(name +
+                        " left out: its expansions differ between threads or lack entry points");
             continue;
         }
         if (dyn->perThread[0].empty()) continue;
@@ -515,7 +532,8 @@ Image Renderer::Impl::frame(int frameIndex) {
     time = TimeValue(frameIndex) * kTicksPerFrame;
     embreeErrorText.clear();
     for (auto& o : objects) {
-        if (o.ok) o.ok = guarded("render object frame begin", [&] { o.object->frameBegin(time, *this); });
+        if (o.ok)
+            o.ok = guarded("render object frame begin", [&] { o.object->frameBegin(time, *this); });
     }
     for (auto& inst : instances) {
         guarded("frame begin of " + inst.node->GetName(), [&] {
@@ -527,12 +545,11 @@ Image Renderer::Impl::frame(int frameIndex) {
     Image img(settings.width, settings.height);
     try {
         buildScene();
-        lights = parseLights(scene.lights);
         RTCBounds b;
         rtcGetSceneBounds(rtc, &b);
-        const Box3 bounds = b.lower_x <= b.upper_x
-                                ? Box3({b.lower_x, b.lower_y, b.lower_z}, {b.upper_x, b.upper_y, b.upper_z})
-                                : Box3();
+        const Box3 bounds = b.lower_x <= b.upper_x ? Box3({b.lower_x, b.lower_y, b.lower_z},
+                                                          {b.upper_x, b.upper_y, b.upper_z})
+                                                   : Box3();
         camera = makeCamera(scene.camera, bounds, settings.width, settings.height);
         renderTiles(img);
     } catch (...) {
@@ -573,8 +590,8 @@ void Renderer::Impl::renderTiles(Image& img) {
         tbb::parallel_for(
             tbb::blocked_range2d<int>(ty0, ty1, 1, tx0, tx1, 1),
             [&](const tbb::blocked_range2d<int>& r) {
-                const int ti = std::clamp(tbb::this_task_arena::current_thread_index(), 0,
-                                          threads - 1);
+                const int ti =
+                    std::clamp(tbb::this_task_arena::current_thread_index(), 0, threads - 1);
                 for (int ty = r.rows().begin(); ty < r.rows().end(); ++ty) {
                     for (int tx = r.cols().begin(); tx < r.cols().end(); ++tx) {
                         const int y1 = std::min(crop.y1, (ty + 1) * kTileSize);
@@ -625,7 +642,8 @@ bool Renderer::Impl::trace(RayContext& rc, ThreadState& ts, IntersectionData& is
         const PrimitiveEntry& e = rec->dynamic->perThread[rc.threadIndex][rh.hit.primID];
         isect.primitiveId = e.id;
         isect.t = rh.ray.tfar;
-        for (int a = 0; a < 3; ++a) isect.point[a] = rc.origin[a] + double(rc.direction[a]) * isect.t;
+        for (int a = 0; a < 3; ++a)
+            isect.point[a] = rc.origin[a] + double(rc.direction[a]) * isect.t;
         if (!rec->dynamic->prim->intersectionData(rc, e.id, isect)) return false;
         if (!isect.shadeData) isect.shadeData = &kNoShadeData;
     }
@@ -666,7 +684,7 @@ float maxComponent(const Point3& p) { return std::max(p.x, std::max(p.y, p.z)); 
 void offsetOrigin(const IntersectionData& isect, const Point3& ng, const Point3& d, double out[3]) {
     const double scale =
         1e-4 * (1.0 + std::max({std::fabs(isect.point[0]), std::fabs(isect.point[1]),
-                                 std::fabs(isect.point[2])}));
+                                std::fabs(isect.point[2])}));
     const double s = DotProd(ng, d) >= 0.0f ? scale : -scale;
     for (int a = 0; a < 3; ++a) out[a] = isect.point[a] + double(ng[a]) * s;
 }
@@ -681,8 +699,8 @@ void Renderer::Impl::renderPixel(int x, int y, int frameIndex, int threadIndex, 
     const float lightSelectPdf = lights.empty() ? 0.0f : 1.0f / float(lights.size());
 
     for (int s = 0; s < settings.samplesPerPixel; ++s) {
-        Rng rng(sampleHash(uint32_t(x), uint32_t(y), uint32_t(s), uint32_t(frameIndex),
-                           settings.seed));
+        Rng rng(
+            sampleHash(uint32_t(x), uint32_t(y), uint32_t(s), uint32_t(frameIndex), settings.seed));
         RayContext rc;
         rc.threadIndex = threadIndex;
         const float sx = (float(x) + rng.uniform()) / float(img.width);
@@ -718,10 +736,9 @@ void Renderer::Impl::renderPixel(int x, int y, int frameIndex, int threadIndex, 
                 } else {
                     continue;
                 }
-                const float w = prevBsdfPdf > 0.0f
-                                    ? powerHeuristic(prevBsdfPdf, pdfL * lightSelectPdf)
-                                    : 1.0f;
-                radiance += beta * l.color * w;
+                const float w =
+                    prevBsdfPdf > 0.0f ? powerHeuristic(prevBsdfPdf, pdfL * lightSelectPdf) : 1.0f;
+                radiance += beta * lightRadiance(l, rc.direction) * w;
             }
             if (!hit || absorbed) break;
 
@@ -735,6 +752,10 @@ void Renderer::Impl::renderPixel(int x, int y, int frameIndex, int threadIndex, 
                 img.normal[3 * pix + 2] = n.z;
                 img.depth[pix] = float(isect.t);
                 img.objectId[pix] = float(rec->objectId);
+                const Point3 uv = isect.shadeData->uvw(rc, 1);
+                img.uv[3 * pix] = uv.x;
+                img.uv[3 * pix + 1] = uv.y;
+                img.uv[3 * pix + 2] = uv.z;
             }
             if (depth >= settings.maxDepth) break;
 
@@ -746,7 +767,7 @@ void Renderer::Impl::renderPixel(int x, int y, int frameIndex, int threadIndex, 
             const Frame frame(ns);
             const Point3 woL = frame.toLocal(wo);
             if (woL.z <= 1e-6f) break;
-            const Bsdf bsdf(m, m.baseColor);
+            const Bsdf bsdf(m, m.baseColorAt(rc));
             const Point3 p{float(isect.point[0]), float(isect.point[1]), float(isect.point[2])};
 
             // Next-event estimation with one light chosen uniformly.

@@ -31,6 +31,15 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Bad input rather than a failure of the tracer: a material, light or camera
+// the scene describes wrongly, or an image file it names that cannot be
+// read. Thrown before any sample is traced; what() names the JSON path, and
+// the file and reason where a file is involved.
+class InputError : public RenderError {
+public:
+    using RenderError::RenderError;
+};
+
 // Pixels [x0, x1) x [y0, y1), y down from the top row.
 struct CropRegion {
     int x0 = 0, x1 = 0, y0 = 0, y1 = 0;
@@ -44,6 +53,9 @@ struct RenderSettings {
     uint32_t seed = 0;
     int maxDepth = 8;  // path vertices after the camera
     std::optional<CropRegion> crop;
+    // Folder that relative texture and dome image paths in the scene resolve
+    // against (normally the scene file's folder); empty: the working directory.
+    std::filesystem::path assetFolder;
 
     // Settings from a scene's "render" section ({width, height, spp, seed,
     // maxDepth, threads}); absent keys keep these defaults. Throws RenderError.
@@ -58,6 +70,7 @@ struct Image {
     std::vector<float> normal;    // 3 per pixel: world shading normal at the first hit
     std::vector<float> depth;     // distance to the first hit; 0 for none
     std::vector<float> objectId;  // 1 + index of the hit node among renderables; 0 for none
+    std::vector<float> uv;        // 3 per pixel: UVW of map channel 1 at the first hit; 0 for none
 
     Image() = default;
     Image(int w, int h);
@@ -80,8 +93,10 @@ public:
     void setWarningSink(WarningFn warn);
     void setProgress(ProgressFn progress);
 
-    // Starts the render: initialises render objects and creates their
-    // instances. Throws RenderError (for instance, when Embree fails).
+    // Starts the render: reads the materials and lights, loading the images
+    // they name, then initialises render objects and creates their instances.
+    // Throws InputError for bad scene data or an unreadable image, and
+    // RenderError for other failures (for instance, when Embree fails).
     void renderBegin();
     // Renders one frame (begins the render first if needed). Throws RenderError.
     Image renderFrame(int frame);
@@ -101,7 +116,7 @@ Image renderImage(Scene& scene, const RenderSettings& settings, int frame = 0);
 
 // Write an image, choosing the format from the extension: .png and .jpg/.jpeg
 // as 8-bit sRGB, .exr as float with the passes as layers (normal, depth,
-// objectId) and `metadata` as string attributes. Written to a temporary file
+// objectId, uv) and `metadata` as string attributes. Written to a temporary file
 // beside the target and renamed over it, so a failure never leaves a partial
 // file under `path`. Throws RenderError naming the file.
 void writeImage(const std::filesystem::path& path, const Image& image,

@@ -13,7 +13,7 @@ namespace {
 float luminance(const Point3& c) { return 0.2126f * c.x + 0.7152f * c.y + 0.0722f * c.z; }
 
 [[noreturn]] void fail(const std::string& path, const std::string& what) {
-    throw RenderError(path + ": " + what);
+    throw InputError(path + ": " + what);
 }
 
 float number(const nlohmann::json& j, const char* key, float def, const std::string& path,
@@ -116,9 +116,16 @@ bool Bsdf::sample(const Point3& wo, float uLobe, float u1, float u2, Point3& wi,
 bool sampleLight(const Light& l, const Point3& p, float u1, float u2, LightSample& s) {
     switch (l.kind) {
         case Light::Kind::Dome:
-            s.wi = sampleUniformSphere(u1, u2);
             s.distance = 1e30f;
-            s.radiance = l.color;
+            if (l.image && !l.uniformSampling) {
+                Point3 d;
+                if (!l.image->sample(u1, u2, d, s.pdf)) return false;
+                s.wi = l.imageToWorld(d);
+                s.radiance = l.image->radiance(d) * l.color;
+                return true;
+            }
+            s.wi = sampleUniformSphere(u1, u2);
+            s.radiance = l.image ? lightRadiance(l, s.wi) : l.color;
             s.pdf = 1.0f / (4.0f * kPi);
             return true;
         case Light::Kind::Sun:
@@ -161,11 +168,14 @@ bool sampleLight(const Light& l, const Point3& p, float u1, float u2, LightSampl
 
 float lightPdf(const Light& l, const Point3& p, const Point3& w) {
     switch (l.kind) {
-        case Light::Kind::Dome: return 1.0f / (4.0f * kPi);
+        case Light::Kind::Dome:
+            if (l.image && !l.uniformSampling) return l.image->pdf(l.worldToImage(w));
+            return 1.0f / (4.0f * kPi);
         case Light::Kind::Sun:
             if (l.isDelta() || DotProd(w, l.direction) < l.cosMax) return 0.0f;
             return 1.0f / (2.0f * kPi * (1.0f - l.cosMax));
-        case Light::Kind::Point: return 0.0f;
+        case Light::Kind::Point:
+            return 0.0f;
         case Light::Kind::Sphere: {
             const Point3 d = l.position - p;
             const float d2 = LengthSquared(d), r2 = l.radius * l.radius;
@@ -175,6 +185,11 @@ float lightPdf(const Light& l, const Point3& p, const Point3& w) {
         }
     }
     return 0.0f;
+}
+
+Point3 lightRadiance(const Light& l, const Point3& w) {
+    if (l.image) return l.image->radiance(l.worldToImage(w)) * l.color;
+    return l.color;
 }
 
 float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir) {
@@ -188,22 +203,51 @@ float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir) {
     return t0 > 0.0f ? t0 : (-b + sq > 0.0f ? -b + sq : -1.0f);
 }
 
-Material parseMaterial(const nlohmann::json& j, const std::string& path,
+Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
                        const std::function<void(const std::string&)>& warn) {
+    const std::string path = "/materials/" + name;
     if (!j.is_object()) fail(path, "expected an object, found " + j.dump());
     Material m;
-    m.baseColor = vec3(j, "baseColor", m.baseColor, path);
+    if (j.contains("baseColor") && j["baseColor"].is_object()) {
+        // An image: {"texture": file, "channel": n}.
+        const auto& t = j["baseColor"];
+        const std::string at = path + "/baseColor";
+        if (!t.contains("texture") || !t["texture"].is_string() ||
+            t["texture"].get<std::string>().empty()) {
+            fail(at, "expected three numbers or {\"texture\": file, \"channel\": n}, found " +
+                         t.dump());
+        }
+        if (t.contains("channel")) {
+            const auto& c = t["channel"];
+            if (!c.is_number_integer() || c.get<int64_t>() < 0 || c.get<int64_t>() >= 100) {
+                fail(at + "/channel", "expected a map channel 0 to 99, found " + c.dump());
+            }
+            m.baseColorChannel = c.get<int>();
+        }
+        for (const auto& [key, value] : t.items()) {
+            if (key != "texture" && key != "channel" && warn) warn(at + "/" + key + ": ignored");
+        }
+        try {
+            m.baseColorTexture = &assets.texture(t["texture"].get<std::string>());
+        } catch (const InputError& e) {
+            fail(at + "/texture", "texture of material \"" + name + "\": " + e.what());
+        }
+    } else {
+        m.baseColor = vec3(j, "baseColor", m.baseColor, path);
+    }
     m.roughness = number(j, "roughness", m.roughness, path, 0.0f, 1.0f);
     m.metallic = number(j, "metallic", m.metallic, path, 0.0f, 1.0f);
     m.specular = number(j, "specular", m.specular, path, 0.0f, 1.0f);
     m.emission = vec3(j, "emission", m.emission, path);
     if (j.contains("baseColorTexture") && warn) {
-        warn(path + "/baseColorTexture: image textures are not supported yet; using baseColor");
+        warn(path +
+             "/baseColorTexture: ignored; an image base colour is written as "
+             "\"baseColor\": {\"texture\": file, \"channel\": n}");
     }
     return m;
 }
 
-std::vector<Light> parseLights(const nlohmann::json& lights) {
+std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets) {
     std::vector<Light> out;
     if (!lights.is_null() && !lights.is_array()) fail("/lights", "expected an array");
     for (size_t i = 0; lights.is_array() && i < lights.size(); ++i) {
@@ -230,13 +274,36 @@ std::vector<Light> parseLights(const nlohmann::json& lights) {
             l.position = vec3(j, "position", {0, 0, 0}, path);
             l.radius = type == "sphere" ? number(j, "radius", 1.0f, path, 1e-6f) : 0.0f;
             // intensity is radiant intensity (per steradian), as seen from afar.
-            l.color = color * (l.kind == Light::Kind::Point
-                                   ? intensity
-                                   : intensity / (kPi * l.radius * l.radius));
+            l.color =
+                color * (l.kind == Light::Kind::Point ? intensity
+                                                      : intensity / (kPi * l.radius * l.radius));
         } else if (type == "dome") {
             l.kind = Light::Kind::Dome;
             l.color = color * intensity;
-            if (j.contains("image")) fail(path + "/image", "image domes are not supported yet");
+            if (j.contains("image")) {
+                const auto& file = j["image"];
+                if (!file.is_string() || file.get<std::string>().empty()) {
+                    fail(path + "/image", "expected an image file name, found " + file.dump());
+                }
+                try {
+                    l.image = &assets.environment(file.get<std::string>());
+                } catch (const InputError& e) {
+                    fail(path + "/image", std::string("dome image: ") + e.what());
+                }
+                const float degrees = number(j, "rotation", 0.0f, path, -1e6f, 1e6f);
+                const double radians =
+                    std::fmod(double(degrees), 360.0) * (3.14159265358979323846 / 180.0);
+                l.rotationCos = float(std::cos(radians));
+                l.rotationSin = float(std::sin(radians));
+                if (j.contains("sampling")) {
+                    const auto& sm = j["sampling"];
+                    if (sm != "importance" && sm != "uniform") {
+                        fail(path + "/sampling",
+                             "expected \"importance\" or \"uniform\", found " + sm.dump());
+                    }
+                    l.uniformSampling = sm == "uniform";
+                }
+            }
         } else {
             fail(path + "/type", "unknown light type \"" + type + "\"");
         }

@@ -3,7 +3,9 @@
 #pragma once
 
 #include "host/math.h"
+#include "tracer/ray_context.h"
 #include "tracer/sampling.h"
+#include "tracer/texture.h"
 
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -12,15 +14,32 @@
 
 namespace mq::tracer {
 
+// A material of the scene's "materials" section:
+//   {"baseColor": [r, g, b] or {"texture": "file", "channel": 1},
+//    "roughness": 0.5, "metallic": 0, "specular": 0.5, "emission": [r, g, b]}
+// An image base colour is looked up, bilinearly and repeating, at the UVW of
+// map channel "channel" (0..99, default 1) of each hit, which the hit's
+// ShadeData answers: a host mesh's own channel, or for a Mosaiq object the
+// surface's UVs on its map channel and the pattern's UVs otherwise. A hit
+// without the channel reads UVW (0, 0, 0). A relative file name resolves
+// against RenderSettings::assetFolder, or the working directory when unset.
 struct Material {
     Point3 baseColor{0.8f, 0.8f, 0.8f};
     float roughness = 0.5f;
     float metallic = 0.0f;
     float specular = 0.5f;  // dielectric reflectance at normal incidence is 0.08 * specular
     Point3 emission;
-    // Hook for image textures: the map channel the base colour is looked up
-    // on through ShadeData::uvw once textures are supported; -1 for none.
-    int baseColorChannel = -1;
+    // The base colour image, replacing baseColor when set; owned by the
+    // render's AssetCache.
+    const Texture* baseColorTexture = nullptr;
+    int baseColorChannel = 1;
+
+    // Base colour at the hit rc.hit (which must be set). Render threads.
+    Point3 baseColorAt(const RayContext& rc) const {
+        if (!baseColorTexture) return baseColor;
+        const Point3 uvw = rc.hit->shadeData->uvw(rc, baseColorChannel);
+        return baseColorTexture->lookup(uvw.x, uvw.y);
+    }
 };
 
 // Diffuse plus a GGX microfacet lobe (Walter et al., "Microfacet Models for
@@ -43,26 +62,46 @@ private:
     float alpha_, pSpec_;
 };
 
+// A light of the scene's "lights" array. A dome is constant,
+//   {"type": "dome", "color": [r, g, b], "intensity": 1},
+// or an HDR lat-long image (see EnvironmentMap for the mapping):
+//   {"type": "dome", "image": "sky.exr", "intensity": 1, "rotation": 0,
+//    "color": [1, 1, 1], "sampling": "importance"}
+// whose radiance is the texel times color times intensity, and which camera
+// rays that miss see. The file resolves as a texture's does. "rotation" turns
+// the image about +z by that many degrees, counterclockwise seen from above
+// (the image centre moves from +x towards +y). Directions towards an image
+// dome are drawn in proportion to its brightness; "sampling": "uniform" draws
+// them uniformly over the sphere instead, to check the former or compare noise.
 struct Light {
     enum class Kind { Sun, Point, Sphere, Dome };
     Kind kind = Kind::Dome;
-    Point3 color;        // radiance (sun with a size, sphere, dome), irradiance (sun
-                         // without size) or intensity (point)
-    Point3 direction;    // sun: unit, towards the sun
-    float cosMax = 1.0f; // sun: cosine of the angular radius
-    Point3 position;     // point, sphere
-    float radius = 0.0f; // sphere
+    Point3 color;         // radiance (sun with a size, sphere, dome), irradiance (sun
+                          // without size) or intensity (point); image dome: texel scale
+    Point3 direction;     // sun: unit, towards the sun
+    float cosMax = 1.0f;  // sun: cosine of the angular radius
+    Point3 position;      // point, sphere
+    float radius = 0.0f;  // sphere
+    const EnvironmentMap* image = nullptr;  // dome: null when constant; owned by the AssetCache
+    float rotationCos = 1.0f, rotationSin = 0.0f;  // image dome: turn about +z
+    bool uniformSampling = false;                  // image dome
 
-    bool isDelta() const {
-        return kind == Kind::Point || (kind == Kind::Sun && cosMax >= 1.0f);
+    // Between world directions and the dome image's own frame.
+    Point3 worldToImage(const Point3& w) const {
+        return {rotationCos * w.x + rotationSin * w.y, rotationCos * w.y - rotationSin * w.x, w.z};
     }
+    Point3 imageToWorld(const Point3& d) const {
+        return {rotationCos * d.x - rotationSin * d.y, rotationSin * d.x + rotationCos * d.y, d.z};
+    }
+
+    bool isDelta() const { return kind == Kind::Point || (kind == Kind::Sun && cosMax >= 1.0f); }
 };
 
 struct LightSample {
-    Point3 wi;            // unit, towards the light
-    float distance = 0;   // to the light; 1e30 for distant lights
-    Point3 radiance;      // for delta lights the incident irradiance
-    float pdf = 0;        // solid angle density; 1 for delta lights
+    Point3 wi;           // unit, towards the light
+    float distance = 0;  // to the light; 1e30 for distant lights
+    Point3 radiance;     // for delta lights the incident irradiance
+    float pdf = 0;       // solid angle density; 1 for delta lights
 };
 
 // Samples light l as seen from p; false when it cannot light p.
@@ -71,6 +110,9 @@ bool sampleLight(const Light& l, const Point3& p, float u1, float u2, LightSampl
 // radiance arriving along it, for a ray that reached light l (no hit in the
 // scene for distant lights; a hit at distance t for spheres).
 float lightPdf(const Light& l, const Point3& p, const Point3& w);
+// Radiance arriving along unit direction w from light l, for a ray that
+// reached it (see lightPdf).
+Point3 lightRadiance(const Light& l, const Point3& w);
 // Distance along the unit ray to sphere light l, or a negative value for a miss.
 float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir);
 
@@ -86,12 +128,13 @@ struct Camera {
     }
 };
 
-// Parsers for the scene's JSON sections. They throw RenderError naming the
-// JSON path; `warn` gets values that are accepted but ignored.
-Material parseMaterial(const nlohmann::json& j, const std::string& path,
+// Parsers for the scene's JSON sections. They throw InputError naming the
+// JSON path (and for images the file and the reason); `warn` gets values that
+// are accepted but ignored. Images are loaded through `assets`.
+Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
                        const std::function<void(const std::string&)>& warn);
 // Lights of the scene; a default sky dome and sun when there are none.
-std::vector<Light> parseLights(const nlohmann::json& lights);
+std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets);
 // Camera from {position, target, up, fov (horizontal, degrees)}, or framed on
 // `bounds` when j is null.
 Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height);
