@@ -43,9 +43,10 @@ bool sceneMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, Matrix3& nodeTM) {
 // Merges "Pattern_File", takes the mesh of the first top-level node that
 // converts, and deletes every merged node again. A file mesh may have no faces.
 bool fileMesh(ParamBlock& pblock, Mesh& mesh) {
-    const std::string path = pblock.GetStr(mosaiq::kPatternFile, 0);
     HostInterface* ip = GetCOREInterface();
-    if (!ip || !ip->DoesFileExist(path)) return false;
+    if (!ip) return false;
+    const std::string path = ip->ResolveAssetPath(pblock.GetStr(mosaiq::kPatternFile, 0));
+    if (!ip->DoesFileExist(path)) return false;
     Node* root = ip->GetRootNode();
     if (!root) return false;
     const int rootChildCount = root->NumberOfChildren();

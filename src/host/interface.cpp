@@ -165,6 +165,14 @@ bool HostInterface::DoesFileExist(const std::string& path) {
     return !path.empty() && fs::is_regular_file(path, ec);
 }
 
+std::string HostInterface::ResolveAssetPath(const std::string& path) {
+    std::error_code ec;
+    const fs::path given(path);
+    if (path.empty() || given.is_absolute() || scene_->folder.empty()) return path;
+    const fs::path beside = scene_->folder / given;
+    return fs::exists(beside, ec) ? beside.string() : path;
+}
+
 bool HostInterface::IsDirectory(const std::string& path) {
     std::error_code ec;
     return !path.empty() && fs::is_directory(path, ec);

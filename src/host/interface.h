@@ -101,6 +101,10 @@ public:
     // A host folder; APP_PLUGCFG_DIR is $XDG_CONFIG_HOME/mosaiq (or ~/.config/mosaiq).
     virtual std::string GetDir(int which);
     virtual bool DoesFileExist(const std::string& path);
+    // A file path as the scene's assets are named: a relative path that
+    // names a file beside the scene file resolves there, anything else is
+    // returned as it is (and so relative to the working folder).
+    std::string ResolveAssetPath(const std::string& path);
     virtual bool IsDirectory(const std::string& path);
     const std::string& lastError() const { return lastError_; }
 

@@ -4,6 +4,7 @@
 #include "host/math.h"
 #include "host/object.h"
 
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -104,6 +105,9 @@ public:
     nlohmann::json camera;                               // null when absent
     nlohmann::json lights = nlohmann::json::array();
     nlohmann::json render = nlohmann::json::object();
+    // The folder of the file the scene was loaded from or saved to; relative
+    // asset paths resolve against it first. Empty for a scene never on disk.
+    std::filesystem::path folder;
 
 private:
     std::unique_ptr<Node> root_;

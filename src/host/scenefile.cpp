@@ -1171,6 +1171,8 @@ void loadScene(HostInterface& ip, const fs::path& file) {
     ILoad iload;
     std::unique_ptr<Scene> scene =
         readSceneFile(file, iload, [&](const std::string& w) { warnings.push_back(w); });
+    std::error_code ec;
+    scene->folder = fs::absolute(file, ec).parent_path();
     ip.setScene(std::move(scene));
     for (const std::string& w : warnings) ip.warning(w);
     iload.runPostLoadCallbacks();

@@ -82,14 +82,16 @@ bool takeMeshAndRemoveMerged(HostInterface& ip, Node& root, int rootChildCount, 
 
 }  // namespace
 
-bool loadPatternStore(PatternPointCloud& store, const std::string& path, std::string* error) {
+bool loadPatternStore(PatternPointCloud& store, const std::string& given, std::string* error) {
     auto fail = [&](const std::string& why) {
-        if (error) *error = "Pattern file \"" + path + "\" " + why;
+        if (error) *error = "Pattern file \"" + given + "\" " + why;
         return false;
     };
     try {
         HostInterface* ip = GetCOREInterface();
         if (!ip || !ip->GetRootNode()) return fail("cannot be merged: there is no host scene");
+        // Relative names resolve beside the scene file first.
+        const std::string path = ip->ResolveAssetPath(given);
         if (!ip->DoesFileExist(path))
             return fail(ip->IsDirectory(path) ? "is a folder, not a file" : "does not exist");
         LoadingFile loading(fileKey(path));

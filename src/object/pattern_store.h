@@ -12,7 +12,8 @@
 
 namespace mosaiq {
 
-// Merge the pattern file at path into the current host interface's scene,
+// Merge the pattern file at path (a relative path beside the scene file
+// first, then in the working folder) into the current host interface's scene,
 // take the mesh of the first merged top-level node that converts to a
 // triangle mesh, delete every merged node again and sample the mesh into
 // store. The file pattern is used in its own object space. False when there
