@@ -21,5 +21,5 @@ void BM_CheckNormals(benchmark::State& state) {
 }
 BENCHMARK(BM_CheckNormals)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
-} // namespace
-} // namespace mq
+}  // namespace
+}  // namespace mq

@@ -74,26 +74,26 @@ struct CropOptions {
 };
 
 struct RenderOptions {
-    std::filesystem::path scene;         // empty: the built-in demo scene
-    std::filesystem::path output;        // empty: <scene stem>.png, or mosaiq-demo.png
-    std::string resolution;              // "WxH"; empty: the scene's
-    int spp = 0;                         // 0: the scene's
-    int threads = -1;                    // -1: the scene's; 0: one per hardware thread
-    long long seed = -1;                 // -1: the scene's
-    std::string frames;                  // "A-B" or "A"; empty: frame 0
-    std::string crop;                    // "x0,x1,y0,y1" in pixels; empty: whole image
-    std::vector<std::string> defines;    // -D key=value: render setting or Node.Param
+    std::filesystem::path scene;       // empty: the built-in demo scene
+    std::filesystem::path output;      // empty: <scene stem>.png, or mosaiq-demo.png
+    std::string resolution;            // "WxH"; empty: the scene's
+    int spp = 0;                       // 0: the scene's
+    int threads = -1;                  // -1: the scene's; 0: one per hardware thread
+    long long seed = -1;               // -1: the scene's
+    std::string frames;                // "A-B" or "A"; empty: frame 0
+    std::string crop;                  // "x0,x1,y0,y1" in pixels; empty: whole image
+    std::vector<std::string> defines;  // -D key=value: render setting or Node.Param
     bool quiet = false;
-    std::string pass;                    // empty: beauty; normal, depth, objectid or uv
+    std::string pass;  // empty: beauty; normal, depth, objectid or uv
 };
 
 struct PreviewOptions {
-    std::filesystem::path scene;   // with node: that Mosaiq node's tile
+    std::filesystem::path scene;  // with node: that Mosaiq node's tile
     std::string node;
-    std::filesystem::path pattern; // instead of a scene: a pattern file
-    std::string crop;              // with pattern: the crop box; empty: the whole pattern
-    int size = 0;                  // "Texture_Size"; 0: the node's, or its default
-    std::filesystem::path output;  // .png (8-bit with alpha) or .exr; empty: derived
+    std::filesystem::path pattern;  // instead of a scene: a pattern file
+    std::string crop;               // with pattern: the crop box; empty: the whole pattern
+    int size = 0;                   // "Texture_Size"; 0: the node's, or its default
+    std::filesystem::path output;   // .png (8-bit with alpha) or .exr; empty: derived
 };
 
 struct BakeOptions {

@@ -41,8 +41,9 @@ void buildDemoScene(mq::HostInterface& ip) {
     mq::ClassDesc* cd = mq::classDirectory().findByInternalName("PatternPattern");
     mq::Object* mosaiq = cd ? mq::createObject(cd->SuperClassID(), cd->ClassID()) : nullptr;
     if (!mosaiq) {
-        throw CliError(kExitInput, "the demo scene needs the Mosaiq plug-in, and none was loaded from " +
-                                       mq::PluginManager::defaultFolder().string());
+        throw CliError(kExitInput,
+                       "the demo scene needs the Mosaiq plug-in, and none was loaded from " +
+                           mq::PluginManager::defaultFolder().string());
     }
     mq::Scene& scene = ip.scene();
 
@@ -50,8 +51,9 @@ void buildDemoScene(mq::HostInterface& ip) {
     // (material ids 1 to 3). Its length is its circumference, so equal
     // tiling in U and V gives square tiles on the sides and on the caps.
     const float radius = 14.0f, length = 2.0f * 3.14159265f * radius;
-    mq::Node* surface = addNode(
-        scene, "Surface", new mq::TriObject(mq::makeCylinderMesh(radius, length, 12, 72)), "leather");
+    mq::Node* surface =
+        addNode(scene, "Surface", new mq::TriObject(mq::makeCylinderMesh(radius, length, 12, 72)),
+                "leather");
     // Rows are the images of x, y, z: the cylinder's axis (z) becomes +X.
     surface->setLocalTM(mq::Matrix3(mq::Point3(0, 0, -1), mq::Point3(0, 1, 0), mq::Point3(1, 0, 0),
                                     mq::Point3(-0.5f * length, 0, radius)));

@@ -274,8 +274,8 @@ void inspectMapping(mq::HostInterface& ip, const InspectOptions& opt) {
     std::string error;
     if (!tools.mappingStats(opt.frame * mq::kTicksPerFrame, s, error)) {
         throw CliError(kExitInput, opt.scene.string() + ": " + node->GetName() + ": frame " +
-                                       std::to_string(opt.frame) + ": cannot map the surface: " +
-                                       error);
+                                       std::to_string(opt.frame) +
+                                       ": cannot map the surface: " + error);
     }
     if (opt.json) {
         ojson j = ojson::object();

@@ -86,8 +86,8 @@ int main(int argc, char** argv) {
     crop->add_option("-o,--output", cropOpt.output, "Write here instead of SCENE");
 
     RenderOptions renderOpt;
-    CLI::App* render = app.add_subcommand(
-        "render", "Render a scene, or the built-in demo scene, to an image");
+    CLI::App* render =
+        app.add_subcommand("render", "Render a scene, or the built-in demo scene, to an image");
     render->add_option("SCENE", renderOpt.scene, "Scene file (.mosaiq); none: the demo scene");
     render->add_option("-o,--output", renderOpt.output,
                        "Image file (.png, .jpg, .exr); default <scene>.png or mosaiq-demo.png");
@@ -100,9 +100,10 @@ int main(int argc, char** argv) {
     render->add_option("--frames", renderOpt.frames,
                        "Frame range A-B; several frames write name.0001.png and so on");
     render->add_option("--crop", renderOpt.crop, "Render only pixels x0,x1,y0,y1");
-    render->add_option("-D", renderOpt.defines,
-                       "Set a render setting (width, height, spp, seed, maxDepth, threads) or a "
-                       "node parameter as Node.Param=value; repeatable")
+    render
+        ->add_option("-D", renderOpt.defines,
+                     "Set a render setting (width, height, spp, seed, maxDepth, threads) or a "
+                     "node parameter as Node.Param=value; repeatable")
         ->allow_extra_args(false);
     render->add_flag("-q,--quiet", renderOpt.quiet, "No progress output");
     render->add_option("--pass", renderOpt.pass, "Write a debug pass instead of the image")
@@ -127,7 +128,8 @@ int main(int argc, char** argv) {
     bake->add_option("SCENE", bakeOpt.scene, "Scene file (.mosaiq)")->required();
     bake->add_option("NODE", bakeOpt.node, "Name of the Mosaiq node")->required();
     bake->add_option("-o,--output", bakeOpt.output, "Mesh file (.glb or .obj)")->required();
-    bake->add_option("--frame", bakeOpt.frame, "Frame to bake")->check(CLI::Range(-1000000, 1000000));
+    bake->add_option("--frame", bakeOpt.frame, "Frame to bake")
+        ->check(CLI::Range(-1000000, 1000000));
     bake->add_option("--max-triangles", bakeOpt.maxTriangles,
                      "Refuse a bake of more triangles than this: nothing is written and the "
                      "exit code is 4, as for an output that cannot be written")

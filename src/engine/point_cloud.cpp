@@ -26,7 +26,7 @@ void faceCorners(const Mesh& mesh, int f, Point3& a, Point3& b, Point3& c) {
     a = b = c = vertexCount > 0 ? mesh.verts[0] : Point3();
 }
 
-} // namespace
+}  // namespace
 
 bool FaceDistributor::build(const Mesh& mesh) {
     clear();
@@ -104,4 +104,4 @@ bool sample(PatternPointCloud& cloud, Object* triObject) {
     return true;
 }
 
-} // namespace mq
+}  // namespace mq

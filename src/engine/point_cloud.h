@@ -16,7 +16,7 @@ class Object;
 struct PatternPointCloud {
     static constexpr int kPointCount = 10000;
     bool valid = false;
-    Box3 box; // the object's own bounds at time 0
+    Box3 box;  // the object's own bounds at time 0
     // In the mesh's object space. Always kPointCount entries; all of them are
     // meaningful once valid.
     std::array<Point3, kPointCount> points{};
@@ -36,7 +36,7 @@ public:
     void clear();
 
     int32_t faceCount = 0;
-    std::vector<double> cumulative; // faceCount + 1 entries, cumulative[0] = 0
+    std::vector<double> cumulative;  // faceCount + 1 entries, cumulative[0] = 0
     double total = 0.0;
 };
 
@@ -48,4 +48,4 @@ public:
 // origin when there are no vertices), as in the captured tile.
 bool sample(PatternPointCloud& cloud, Object* triObject);
 
-} // namespace mq
+}  // namespace mq

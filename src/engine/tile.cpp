@@ -250,8 +250,8 @@ void PatternTile::build(Mesh& mesh, const Matrix3& toTileIn, const Point3& cropS
     octreeBuild.threadLimit = threadLimit < 0 ? defaultBuildThreadLimit() : threadLimit;
     octreeBuild.nodeLimit = OctreeBuild::nodeLimitFor(faceCount);
     try {
-        tree = std::make_unique<PatternOctreeNode>(Box3(boundsMin, boundsMax), std::move(all), 0,
-                                                   0, octreeBuild);
+        tree = std::make_unique<PatternOctreeNode>(Box3(boundsMin, boundsMax), std::move(all), 0, 0,
+                                                   octreeBuild);
     } catch (...) {
         release();
         throw;

@@ -18,17 +18,17 @@ class PatternOctreeNode;
 
 // One pattern triangle with what the ray test needs precomputed.
 struct PatternFace {
-    const Point3* vertex[3] = {nullptr, nullptr, nullptr}; // into PatternTile::vertices
-    const Point3* normal[3] = {nullptr, nullptr, nullptr}; // into PatternTile::normals
-    Point3 faceNormal;      // unit (B - A) x (C - A); zero for a degenerate face
-    Point3 centre;          // (A + B + C) / 3
+    const Point3* vertex[3] = {nullptr, nullptr, nullptr};  // into PatternTile::vertices
+    const Point3* normal[3] = {nullptr, nullptr, nullptr};  // into PatternTile::normals
+    Point3 faceNormal;  // unit (B - A) x (C - A); zero for a degenerate face
+    Point3 centre;      // (A + B + C) / 3
     uint32_t materialId = 0;
     int32_t faceIndex = 0;
     // Projection onto two axes and the inverse-determinant-scaled edges.
     int32_t axisU = 0, axisV = 1;
     float originU = 0, originV = 0;
     float edgeU1 = 0, edgeV1 = 0, edgeU2 = 0, edgeV2 = 0;
-    float planeDistance = 0; // centre . faceNormal
+    float planeDistance = 0;  // centre . faceNormal
 };
 
 // Fills the precomputed fields of a face from its three corners. A
@@ -83,4 +83,4 @@ public:
     std::unique_ptr<PatternOctreeNode> tree;
 };
 
-} // namespace mq
+}  // namespace mq

@@ -7,13 +7,21 @@ namespace mq {
 namespace {
 
 ParamDef worldParam(ParamID id, const char* name, float def) {
-    return ParamDef{.id = id, .internalName = name, .type = TYPE_WORLD, .defaultValue = def,
-                    .rangeMin = 0.001f, .rangeMax = 1000000.0f};
+    return ParamDef{.id = id,
+                    .internalName = name,
+                    .type = TYPE_WORLD,
+                    .defaultValue = def,
+                    .rangeMin = 0.001f,
+                    .rangeMax = 1000000.0f};
 }
 
 ParamDef segParam(ParamID id, const char* name, int def, int lo) {
-    return ParamDef{.id = id, .internalName = name, .type = TYPE_INT, .defaultValue = def,
-                    .rangeMin = lo, .rangeMax = 500};
+    return ParamDef{.id = id,
+                    .internalName = name,
+                    .type = TYPE_INT,
+                    .defaultValue = def,
+                    .rangeMin = lo,
+                    .rangeMax = 500};
 }
 
 class PrimitiveClassDesc : public ClassDesc {
@@ -75,7 +83,7 @@ PrimitiveClassDesc& cylinderDesc() {
     return d;
 }
 
-} // namespace
+}  // namespace
 
 void registerBuiltinClasses(ClassDirectory& dir) {
     static TriObjectClassDesc tri;
@@ -104,4 +112,4 @@ Mesh PrimitiveObject::buildMesh(TimeValue t) {
     return Mesh();
 }
 
-} // namespace mq
+}  // namespace mq

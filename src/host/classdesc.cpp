@@ -88,7 +88,7 @@ ClassDesc* ClassDirectory::findByInternalName(const std::string& name) const {
     return nullptr;
 }
 
-void registerBuiltinClasses(ClassDirectory& dir); // builtin.cpp
+void registerBuiltinClasses(ClassDirectory& dir);  // builtin.cpp
 
 ClassDirectory& classDirectory() {
     static ClassDirectory* dir = [] {
@@ -105,4 +105,4 @@ Object* createObject(SClass_ID sid, ClassId cid, bool loading) {
     return static_cast<Object*>(cd->Create(loading));
 }
 
-} // namespace mq
+}  // namespace mq

@@ -62,8 +62,7 @@ public:
     // reference ref_no.
     void MakeAutoParamBlocks(ReferenceMaker* owner);
     // Open and close the rollouts of the auto-UI blocks of obj.
-    void BeginEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags,
-                         Animatable* prev);
+    void BeginEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags, Animatable* prev);
     void EndEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags, Animatable* next);
     void SetUserDlgProc(ParamBlockDesc* pbd, MapID map, ParamMap2UserDlgProc* proc);
     // Refresh the controls of a parameter of the block with the given id.
@@ -107,4 +106,4 @@ ClassDirectory& classDirectory();
 // failed allocation.
 Object* createObject(SClass_ID sid, ClassId cid, bool loading = false);
 
-} // namespace mq
+}  // namespace mq

@@ -17,4 +17,4 @@ void ReferenceMaker::DeleteAllRefs() {
     }
 }
 
-} // namespace mq
+}  // namespace mq

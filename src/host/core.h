@@ -81,4 +81,4 @@ public:
 // Copies what the host keeps about every object (nothing beyond references so far).
 inline void BaseClone(ReferenceTarget* from, ReferenceTarget* to, RemapDir& remap) {}
 
-} // namespace mq
+}  // namespace mq

@@ -4,9 +4,7 @@ namespace mq {
 
 Hold theHold;
 
-void Hold::Begin() {
-    marks_.push_back(open_.size());
-}
+void Hold::Begin() { marks_.push_back(open_.size()); }
 
 void Hold::Accept(const std::string& name) {
     if (marks_.empty()) return;
@@ -66,4 +64,4 @@ void Hold::Reset() {
     suspended_ = 0;
 }
 
-} // namespace mq
+}  // namespace mq

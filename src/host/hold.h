@@ -62,4 +62,4 @@ private:
 // The process-wide undo system, shared by the host and every plug-in.
 extern Hold theHold;
 
-} // namespace mq
+}  // namespace mq

@@ -19,17 +19,17 @@ public:
 };
 
 struct ImportedNode {
-    std::string name;     // as in the file; may be empty or repeated
-    int parent = -1;      // index into ImportedScene::nodes, -1 for a top-level node
-    Matrix3 transform;    // relative to the parent, Z-up scene units
-    std::unique_ptr<Mesh> mesh; // null for a node without geometry
+    std::string name;            // as in the file; may be empty or repeated
+    int parent = -1;             // index into ImportedScene::nodes, -1 for a top-level node
+    Matrix3 transform;           // relative to the parent, Z-up scene units
+    std::unique_ptr<Mesh> mesh;  // null for a node without geometry
 };
 
 struct ImportedScene {
     // Parents come before their children. Indices are stable for a given
     // file, so a scene can refer to "node i of file F".
     std::vector<ImportedNode> nodes;
-    std::vector<std::string> materialNames; // by material id
+    std::vector<std::string> materialNames;  // by material id
 };
 
 // Reads a mesh file. Vertices that share a position are welded; UVs (map
@@ -43,4 +43,4 @@ ImportedScene importMeshFile(const std::filesystem::path& file);
 // True for file names whose extension the importer accepts.
 bool isImportableMeshFile(const std::filesystem::path& file);
 
-} // namespace mq
+}  // namespace mq

@@ -22,7 +22,7 @@ bool hasExtension(const fs::path& p, const char* ext) {
     std::transform(e.begin(), e.end(), e.begin(), [](unsigned char c) { return std::tolower(c); });
     return e == ext;
 }
-} // namespace
+}  // namespace
 
 HostInterface* GetCOREInterface() { return gCurrent; }
 
@@ -35,7 +35,7 @@ void ILoad::runPostLoadCallbacks() {
     for (size_t i = 0; i < callbacks_.size(); ++i) {
         PostLoadCallback* cb = callbacks_[i];
         callbacks_[i] = nullptr;
-        cb->proc(this); // deletes itself
+        cb->proc(this);  // deletes itself
     }
     callbacks_.clear();
 }
@@ -114,9 +114,8 @@ int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool se
         while (incoming->root()->NumberOfChildren() > 0) {
             Node* top = incoming->root()->GetChildNode(0);
             std::unique_ptr<Node> moved = top->detach();
-            const bool wanted =
-                mergeAll || std::find(mrgList->begin(), mrgList->end(), moved->GetName()) !=
-                                mrgList->end();
+            const bool wanted = mergeAll || std::find(mrgList->begin(), mrgList->end(),
+                                                      moved->GetName()) != mrgList->end();
             if (!wanted) continue;
             if (dupAction == MERGE_DUPS_SKIP && scene_->findNode(moved->GetName())) continue;
             if (dupAction == MERGE_DUPS_DELOLD) {
@@ -227,4 +226,4 @@ void HostInterface::DeleteMode(CommandMode* mode) {
     modes_.erase(std::remove(modes_.begin(), modes_.end(), mode), modes_.end());
 }
 
-} // namespace mq
+}  // namespace mq

@@ -57,7 +57,7 @@ inline constexpr int MERGE_REPARENT_ALWAYS = 1;
 inline constexpr int MERGE_REPARENT_NEVER = 2;
 
 // Folder ids for GetDir.
-inline constexpr int APP_PLUGCFG_DIR = 20; // the host's configuration folder
+inline constexpr int APP_PLUGCFG_DIR = 20;  // the host's configuration folder
 
 // Rollup page flags.
 inline constexpr int APPENDROLL_CLOSED = 1;
@@ -71,8 +71,8 @@ struct RollupPage {
     int flags = 0;
     int category = 0;
     bool registered = false;
-    ParamMap2UserDlgProc* dlgProc = nullptr; // not owned
-    std::vector<std::pair<int, std::string>> controlTexts; // control id, text
+    ParamMap2UserDlgProc* dlgProc = nullptr;                // not owned
+    std::vector<std::pair<int, std::string>> controlTexts;  // control id, text
 };
 
 class HostInterface {
@@ -149,4 +149,4 @@ private:
 // HostInterface becomes the current one; destroying it clears it.
 HostInterface* GetCOREInterface();
 
-} // namespace mq
+}  // namespace mq

@@ -27,9 +27,7 @@ void Matrix3::Orthogonalize() {
     rows_[2] = u2 * len2;
 }
 
-float Matrix3::Determinant() const {
-    return DotProd(CrossProd(rows_[0], rows_[1]), rows_[2]);
-}
+float Matrix3::Determinant() const { return DotProd(CrossProd(rows_[0], rows_[1]), rows_[2]); }
 
 bool Matrix3::Invert() {
     const Point3& a = rows_[0];
@@ -111,4 +109,4 @@ Interval& Interval::operator&=(const Interval& b) {
     return *this;
 }
 
-} // namespace mq
+}  // namespace mq

@@ -13,17 +13,17 @@
 namespace mq {
 
 // Channel bits for Mesh::DeepCopy.
-inline constexpr uint32_t TOPO_CHANNEL = 1u << 0;      // faces, smoothing groups, flags
-inline constexpr uint32_t GEOM_CHANNEL = 1u << 1;      // vertex positions
-inline constexpr uint32_t TEXMAP_CHANNEL = 1u << 2;    // map channels 1..99
-inline constexpr uint32_t MTL_CHANNEL = 1u << 3;       // material ids (high 16 bits of flags)
+inline constexpr uint32_t TOPO_CHANNEL = 1u << 0;    // faces, smoothing groups, flags
+inline constexpr uint32_t GEOM_CHANNEL = 1u << 1;    // vertex positions
+inline constexpr uint32_t TEXMAP_CHANNEL = 1u << 2;  // map channels 1..99
+inline constexpr uint32_t MTL_CHANNEL = 1u << 3;     // material ids (high 16 bits of flags)
 inline constexpr uint32_t SELECT_CHANNEL = 1u << 4;
 inline constexpr uint32_t SUBSEL_TYPE_CHANNEL = 1u << 5;
 inline constexpr uint32_t DISP_ATTRIB_CHANNEL = 1u << 6;
-inline constexpr uint32_t VERTCOLOR_CHANNEL = 1u << 7; // map channel 0
+inline constexpr uint32_t VERTCOLOR_CHANNEL = 1u << 7;  // map channel 0
 inline constexpr uint32_t GFX_DATA_CHANNEL = 1u << 8;
 inline constexpr uint32_t DISP_APPROX_CHANNEL = 1u << 9;
-inline constexpr uint32_t EXTENSION_CHANNEL = 1u << 13; // specified normals
+inline constexpr uint32_t EXTENSION_CHANNEL = 1u << 13;  // specified normals
 inline constexpr uint32_t ALL_CHANNELS = 0xffffffffu;
 
 inline constexpr int MAX_MESHMAPS = 100;
@@ -45,8 +45,8 @@ struct TVFace {
 
 struct MeshMap {
     bool supported = false;
-    std::vector<Point3> verts; // UVW
-    std::vector<TVFace> faces; // one per mesh face when supported
+    std::vector<Point3> verts;  // UVW
+    std::vector<TVFace> faces;  // one per mesh face when supported
 };
 
 class Mesh;
@@ -148,4 +148,4 @@ Mesh makeSphereMesh(float radius, int segments);
 Mesh makeTorusMesh(float radius1, float radius2, int segments, int sides);
 Mesh makeCylinderMesh(float radius, float height, int heightSegs, int sides);
 
-} // namespace mq
+}  // namespace mq

@@ -14,7 +14,7 @@ std::mutex gNodesMutex;
 std::unordered_map<Node::Handle, Node*> gNodes;
 Node::Handle gNextHandle = 1;
 
-} // namespace
+}  // namespace
 
 Node::Node(std::string name) : name_(std::move(name)) {
     std::lock_guard lock(gNodesMutex);
@@ -118,4 +118,4 @@ std::string Scene::uniqueName(const std::string& name) const {
     }
 }
 
-} // namespace mq
+}  // namespace mq

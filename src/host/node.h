@@ -101,8 +101,8 @@ public:
     // All nodes below the root, depth first.
     std::vector<Node*> allNodes() const;
 
-    nlohmann::json materials = nlohmann::json::object(); // name -> material
-    nlohmann::json camera;                               // null when absent
+    nlohmann::json materials = nlohmann::json::object();  // name -> material
+    nlohmann::json camera;                                // null when absent
     nlohmann::json lights = nlohmann::json::array();
     nlohmann::json render = nlohmann::json::object();
     // The folder of the file the scene was loaded from or saved to; relative
@@ -113,4 +113,4 @@ private:
     std::unique_ptr<Node> root_;
 };
 
-} // namespace mq
+}  // namespace mq

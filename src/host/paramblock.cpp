@@ -18,9 +18,9 @@ struct TypeNameEntry {
     const char* name;
 };
 constexpr TypeNameEntry kTypeNames[] = {
-    {TYPE_FLOAT, "float"},       {TYPE_INT, "int"},       {TYPE_POINT3, "point3"},
-    {TYPE_BOOL, "bool"},         {TYPE_WORLD, "world"},   {TYPE_STRING, "string"},
-    {TYPE_FILENAME, "filename"}, {TYPE_INODE, "node"},    {TYPE_MATRIX3, "matrix3"},
+    {TYPE_FLOAT, "float"},       {TYPE_INT, "int"},     {TYPE_POINT3, "point3"},
+    {TYPE_BOOL, "bool"},         {TYPE_WORLD, "world"}, {TYPE_STRING, "string"},
+    {TYPE_FILENAME, "filename"}, {TYPE_INODE, "node"},  {TYPE_MATRIX3, "matrix3"},
 };
 
 bool isIntType(ParamType t) { return t == TYPE_INT || t == TYPE_BOOL; }
@@ -46,7 +46,10 @@ uint64_t gNextSerial = 1;
 class ParamRestore : public RestoreObj {
 public:
     ParamRestore(uint64_t serial, ParamID id, int tab, ParamValue before, ParamValue after)
-        : serial_(serial), id_(id), tab_(tab), before_(std::move(before)),
+        : serial_(serial),
+          id_(id),
+          tab_(tab),
+          before_(std::move(before)),
           after_(std::move(after)) {}
     void Restore(bool) override { apply(before_); }
     void Redo() override { apply(after_); }
@@ -74,7 +77,7 @@ std::string formatFloat(float f) {
     return std::string(buf, res.ptr);
 }
 
-} // namespace
+}  // namespace
 
 const char* typeName(ParamType type) {
     for (const auto& e : kTypeNames)
@@ -113,8 +116,12 @@ std::string formatParamValue(const ParamValue& v) {
 
 ParamBlockDesc::ParamBlockDesc(BlockID id, std::string internalName, int localNameResource,
                                ClassDesc* owner, uint32_t flags_, int refNo)
-    : ID(id), int_name(std::move(internalName)), local_name(localNameResource), cd(owner),
-      flags(flags_), ref_no(refNo) {
+    : ID(id),
+      int_name(std::move(internalName)),
+      local_name(localNameResource),
+      cd(owner),
+      flags(flags_),
+      ref_no(refNo) {
     if (cd) cd->AddParamBlockDesc(this);
 }
 
@@ -172,8 +179,10 @@ ParamBlockDesc::Clamped ParamBlockDesc::clampToRange(const ParamDef& def,
     } else if (auto* f = std::get_if<float>(&v)) {
         // Limits are compared as the single-precision numbers the block stores.
         float c = *f;
-        if (def.rangeMin && c < static_cast<float>(*def.rangeMin)) c = static_cast<float>(*def.rangeMin);
-        if (def.rangeMax && c > static_cast<float>(*def.rangeMax)) c = static_cast<float>(*def.rangeMax);
+        if (def.rangeMin && c < static_cast<float>(*def.rangeMin))
+            c = static_cast<float>(*def.rangeMin);
+        if (def.rangeMax && c > static_cast<float>(*def.rangeMax))
+            c = static_cast<float>(*def.rangeMax);
         out = {c, c != *f};
     }
     return out;
@@ -293,8 +302,8 @@ bool ParamBlock::setTyped(ParamID id, TimeValue t, ParamValue v, int tabIndex) {
 
 void ParamBlock::store(Slot& s, int tabIndex, ParamValue v) {
     if (theHold.Holding())
-        theHold.Put(std::make_unique<ParamRestore>(serial_, s.def->id, tabIndex,
-                                                   s.values[tabIndex], v));
+        theHold.Put(
+            std::make_unique<ParamRestore>(serial_, s.def->id, tabIndex, s.values[tabIndex], v));
     s.values[tabIndex] = std::move(v);
 }
 
@@ -364,7 +373,8 @@ ParamBlock::ScriptResult ParamBlock::assignFromScript(ParamID id, int tabIndex,
     const ParamBlockDesc::Clamped c = desc_->clampToRange(def, value);
     std::string warning;
     if (c.changed) {
-        const std::string where = def.isTable() ? name + "[" + std::to_string(tabIndex) + "]" : name;
+        const std::string where =
+            def.isTable() ? name + "[" + std::to_string(tabIndex) + "]" : name;
         warning = where + ": " + formatParamValue(value) + " is out of range, set to " +
                   formatParamValue(c.value);
     }
@@ -378,4 +388,4 @@ ReferenceTarget* ParamBlock::Clone(RemapDir& remap) {
     return copy;
 }
 
-} // namespace mq
+}  // namespace mq

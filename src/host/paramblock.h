@@ -40,9 +40,9 @@ const char* typeName(ParamType type);
 std::optional<ParamType> typeFromName(const std::string& name);
 
 // Block descriptor flags.
-inline constexpr uint32_t P_AUTO_CONSTRUCT = 0x0002; // built by MakeAutoParamBlocks
-inline constexpr uint32_t P_AUTO_UI = 0x0004;        // rollouts opened by the class descriptor
-inline constexpr uint32_t P_MULTIMAP = 0x0020;       // several rollout maps
+inline constexpr uint32_t P_AUTO_CONSTRUCT = 0x0002;  // built by MakeAutoParamBlocks
+inline constexpr uint32_t P_AUTO_UI = 0x0004;         // rollouts opened by the class descriptor
+inline constexpr uint32_t P_MULTIMAP = 0x0020;        // several rollout maps
 
 // Control kinds a parameter can be bound to.
 enum ControlType : int {
@@ -60,20 +60,20 @@ enum ControlType : int {
 enum EditSpinnerType : int {
     EDITTYPE_FLOAT = 0,
     EDITTYPE_INT = 1,
-    EDITTYPE_UNIVERSE = 2, // world units
+    EDITTYPE_UNIVERSE = 2,  // world units
 };
 
 // The binding of one parameter to dialog controls of one rollout map.
 struct ParamUIBinding {
     MapID map = 0;
     ControlType control = TYPE_SPINNER;
-    EditSpinnerType spinnerType = EDITTYPE_FLOAT; // spinners only
-    bool autoScale = false;                     // spinners only
+    EditSpinnerType spinnerType = EDITTYPE_FLOAT;  // spinners only
+    bool autoScale = false;                        // spinners only
     // Spinners: edit and spinner control pairs, in table element order.
     // Radio buttons, check boxes, edit boxes, pick buttons: the control ids.
     std::vector<int> controls;
-    std::vector<int> radioValues; // radio buttons: the value each button sets
-    std::string labels;           // the dialog's labels, for the studio's layout
+    std::vector<int> radioValues;  // radio buttons: the value each button sets
+    std::string labels;            // the dialog's labels, for the studio's layout
 };
 
 // One value of a parameter. Booleans and integers are int, floats and world
@@ -99,7 +99,7 @@ struct ParamDef {
     ParamID id = 0;
     std::string internalName;
     ParamType type = TYPE_FLOAT;
-    int tableSize = 0; // 0: a single value; n: a fixed table of n elements
+    int tableSize = 0;  // 0: a single value; n: a fixed table of n elements
     uint32_t flags = 0;
     ParamValue defaultValue = 0;
     // Range, inclusive, for numeric parameters.
@@ -130,7 +130,7 @@ public:
     int local_name = 0;
     ClassDesc* cd = nullptr;
     uint32_t flags = 0;
-    int ref_no = 0; // reference index of the block in its owner
+    int ref_no = 0;  // reference index of the block in its owner
     std::vector<RolloutMap> maps;
 
     void addMap(RolloutMap map) { maps.push_back(map); }
@@ -218,7 +218,7 @@ public:
     // be assigned at all.
     struct ScriptResult {
         bool ok = false;
-        std::string message; // warning when ok, error otherwise
+        std::string message;  // warning when ok, error otherwise
     };
     ScriptResult assignFromScript(ParamID id, int tabIndex, const ParamValue& v);
 
@@ -242,11 +242,11 @@ private:
 
     ParamBlockDesc* desc_;
     ReferenceMaker* owner_;
-    uint64_t serial_ = 0; // for undo records; never reused
+    uint64_t serial_ = 0;  // for undo records; never reused
     std::vector<Slot> slots_;
 };
 
 // Renders a value for messages ("100", "1e-07", "[1,0,0 ...]", node name).
 std::string formatParamValue(const ParamValue& v);
 
-} // namespace mq
+}  // namespace mq

@@ -61,9 +61,9 @@ struct BakeLimits {
 };
 
 struct BakeStats {
-    int64_t pieces = 0;          // pieces of the frame's mapping
-    int64_t cells = 0;           // segment cells visited over all pieces
-    int64_t triangles = 0;       // triangles written
+    int64_t pieces = 0;     // pieces of the frame's mapping
+    int64_t cells = 0;      // segment cells visited over all pieces
+    int64_t triangles = 0;  // triangles written
 };
 
 class Mesh;

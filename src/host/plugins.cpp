@@ -25,7 +25,7 @@ std::string hex(unsigned long v) {
     return buf;
 }
 
-} // namespace
+}  // namespace
 
 PluginManager& pluginManager() {
     static PluginManager manager;
@@ -125,4 +125,4 @@ void PluginManager::unloadAll() {
     libraries_.clear();
 }
 
-} // namespace mq
+}  // namespace mq

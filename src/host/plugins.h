@@ -53,4 +53,4 @@ private:
 // The process-wide plug-in manager.
 PluginManager& pluginManager();
 
-} // namespace mq
+}  // namespace mq

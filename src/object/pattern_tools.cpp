@@ -115,8 +115,8 @@ bool MosaiqPatternTools::captureTile(TimeValue t, PatternTile& tile, std::string
     }
     // A file's mesh may have no faces; such a tile shows nothing.
     if (tile.faceCount == 0) {
-        error = "Pattern file " + quoted(pb->GetStr(kPatternFile, 0)) +
-                " holds a mesh without faces";
+        error =
+            "Pattern file " + quoted(pb->GetStr(kPatternFile, 0)) + " holds a mesh without faces";
         return false;
     }
     return true;

@@ -120,8 +120,7 @@ void MosaiqInstance::renderBegin(TimeValue t, RenderCore& core) {
         if (!pblock) {
             captureProblem_ = "the object has no parameter block";
         } else if (!tile_.capture(pblock, 0)) {
-            captureProblem_ =
-                tile_.failure.empty() ? captureProblem(*pblock, 0) : tile_.failure;
+            captureProblem_ = tile_.failure.empty() ? captureProblem(*pblock, 0) : tile_.failure;
         } else if (tile_.faceCount == 0) {
             captureProblem_ = "the pattern has no faces";
         }

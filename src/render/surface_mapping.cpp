@@ -145,8 +145,8 @@ bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
     surfDist dist;
     const Point3 tilePeriod(2.0f * size.x * tilingU, 2.0f * size.y * tilingV, 0.0f);
     if (!dist.build(worldMesh, settings.mapChannel, tilePeriod)) {
-        problem = "the surface's map channel " + std::to_string(channel) +
-                  " does not cover its faces";
+        problem =
+            "the surface's map channel " + std::to_string(channel) + " does not cover its faces";
         return false;
     }
 

@@ -82,7 +82,9 @@ public:
     virtual void frameEnd(RenderCore& core) {}
     virtual void renderEnd(RenderCore& core) {}
 
-    class RenderObject* renderObject() const { return renderObject_; }
+    class RenderObject* renderObject() const {
+        return renderObject_;
+    }
     Node* node() const { return node_; }
     RenderCore* core() const { return core_; }
     int renderId() const { return renderId_; }
