@@ -1,10 +1,94 @@
-// mosaiq bake.
+// mosaiq bake: the explicit triangle mesh a Mosaiq node shows at a frame,
+// written as .obj or .glb. The output is checked before baking, which can
+// take long; a bake over --max-triangles is refused before its mesh is made.
 #include "cli.h"
+
+#include "host/export.h"
+#include "host/mesh.h"
+#include "host/node.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <string>
 
 namespace mosaiq::cli {
 
-void runBake(mq::HostInterface&, const BakeOptions&) {
-    throw CliError(kExitUsage, "bake is not available yet");
+namespace {
+
+namespace fs = std::filesystem;
+
+// Fails with kExitOutput unless a file can be created beside out and out is
+// not a folder.
+void checkWritable(const fs::path& out) {
+    const fs::path dir = out.parent_path().empty() ? fs::path(".") : out.parent_path();
+    std::error_code ec;
+    if (!fs::is_directory(dir, ec))
+        throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
+    if (fs::is_directory(out, ec))
+        throw CliError(kExitOutput, out.string() + ": is a folder, not a mesh file");
+    const fs::path probe =
+        dir / ("." + out.filename().string() + ".probe" + std::to_string(::getpid()));
+    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+    if (fd < 0) {
+        throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
+                                        std::strerror(errno));
+    }
+    ::close(fd);
+    ::unlink(probe.c_str());
+}
+
+}  // namespace
+
+void runBake(mq::HostInterface& ip, const BakeOptions& opt) {
+    if (!mq::isExportableMeshFile(opt.output)) {
+        throw CliError(kExitUsage, "-o " + opt.output.string() + ": unsupported mesh format \"" +
+                                       opt.output.extension().string() + "\" (use .glb or .obj)");
+    }
+    if (opt.maxTriangles < 1) throw CliError(kExitUsage, "--max-triangles must be at least 1");
+    std::error_code ec;
+    if (!fs::exists(opt.scene, ec))
+        throw CliError(kExitInput, opt.scene.string() + ": no such scene file");
+    loadSceneOrFail(ip, opt.scene);
+    mq::Scene& scene = ip.scene();
+    mq::Node* node = findUniqueNode(scene, opt.node, opt.scene.string());
+    mq::IPatternTools& tools = patternToolsOrFail(*node, opt.scene.string());
+    checkWritable(opt.output);
+
+    const std::string what =
+        opt.scene.string() + ": " + node->GetName() + ": frame " + std::to_string(opt.frame);
+    mq::BakeLimits limits;
+    limits.maxTriangles = opt.maxTriangles;
+    mq::BakeStats stats;
+    mq::Mesh mesh;
+    std::string error;
+    if (!tools.bakeMesh(mq::TimeValue(opt.frame) * mq::kTicksPerFrame, limits, mesh, stats,
+                        error)) {
+        // A bake refused for its size reports the count it would have written.
+        if (stats.triangles > opt.maxTriangles) {
+            throw CliError(kExitOutput, what + ": would write " + std::to_string(stats.triangles) +
+                                            " triangles, more than --max-triangles " +
+                                            std::to_string(opt.maxTriangles) + "; nothing written");
+        }
+        if (stats.triangles > 0)
+            throw CliError(kExitOutput, what + ": " + error + "; nothing written");
+        throw CliError(kExitInput, what + ": cannot bake: " + error);
+    }
+    if (mesh.faces.empty()) {
+        throw CliError(kExitInput, what + ": the node shows no triangles (" +
+                                       std::to_string(stats.pieces) + " pieces); nothing written");
+    }
+
+    try {
+        mq::exportMesh(mesh, opt.output);
+    } catch (const mq::ExportError& e) {
+        throw CliError(kExitOutput, e.what());
+    }
+    std::cout << "wrote " << opt.output.string() << " (" << stats.triangles << " triangles)\n";
 }
 
 }  // namespace mosaiq::cli
