@@ -53,7 +53,8 @@ TEST_P(GoldenImage, MatchesTheRecordedPicture) {
         fs::copy_file(out, golden, fs::copy_options::overwrite_existing);
         GTEST_SKIP() << "recorded " << golden;
     }
-    ASSERT_TRUE(fs::exists(golden)) << golden << " is missing; record it with MOSAIQ_UPDATE_GOLDEN=1";
+    ASSERT_TRUE(fs::exists(golden))
+        << golden << " is missing; record it with MOSAIQ_UPDATE_GOLDEN=1";
     const mq::test::Picture want = mq::test::readPicture(golden);
     const mq::test::Picture got = mq::test::readPicture(out);
     ASSERT_EQ(got.width, want.width);

@@ -126,5 +126,5 @@ TEST(FaceDistributor, ABoundaryGoesToTheLowerFace) {
     EXPECT_TRUE(d.cumulative.empty());
 }
 
-} // namespace
-} // namespace mq
+}  // namespace
+}  // namespace mq

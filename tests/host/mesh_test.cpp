@@ -39,11 +39,6 @@ Point3 cornerNormal(const MeshNormalSpec& nspec, int f, int c) {
     return nspec.Normal(nspec.GetNormalIndex(f, c));
 }
 
-Point3 faceNormal(const Mesh& m, int f) {
-    const Point3 p0 = m.verts[m.faces[f].v[0]];
-    return Normalize(CrossProd(m.verts[m.faces[f].v[1]] - p0, m.verts[m.faces[f].v[2]] - p0));
-}
-
 using test::expectNear;
 
 TEST(MeshCopy, DeepCopyTakesOnlySelectedChannelsAndOwnsThem) {
@@ -71,9 +66,8 @@ TEST(MeshCopy, DeepCopyTakesOnlySelectedChannelsAndOwnsThem) {
 
     // Changing the source afterwards leaves the copy alone.
     src.verts[0] = src.mapVerts(1)[0] = src.GetSpecifiedNormals()->Normal(0) = {9, 9, 9};
-    EXPECT_EQ(dst.verts[0], Point3());
-    EXPECT_EQ(dst.mapVerts(1)[0], Point3());
-    EXPECT_NE(dst.GetSpecifiedNormals()->Normal(0), Point3(9, 9, 9));
+    EXPECT_TRUE(dst.verts[0] == Point3() && dst.mapVerts(1)[0] == Point3() &&
+                dst.GetSpecifiedNormals()->Normal(0) != Point3(9, 9, 9));
     EXPECT_TRUE(dst.validate().empty());
 }
 
@@ -168,12 +162,9 @@ TEST(MeshNormals, SurvivesBrokenAndDegenerateFaces) {
     MeshNormalSpec& nspec = *m.GetSpecifiedNormals();
     nspec.CheckNormals();
     ASSERT_EQ(nspec.GetNumFaces(), 4);
-    for (int c = 0; c < 3; ++c) {
-        expectNear(cornerNormal(nspec, 0, c), {0, 0, 1});
-        expectNear(cornerNormal(nspec, 1, c), {0, 0, 1});
-        expectNear(cornerNormal(nspec, 2, c), {0, 0, 1});
-        expectNear(cornerNormal(nspec, 3, c), {0, 0, -1});
-    }
+    for (int f = 0; f < 4; ++f)
+        for (int c = 0; c < 3; ++c)
+            expectNear(cornerNormal(nspec, f, c), {0, 0, f == 3 ? -1.f : 1.f});
 }
 
 // Closed and consistently wound: every directed edge appears once, and so does its reverse.
@@ -243,31 +234,28 @@ TEST(Primitive, SmallestAndInvalidArgumentsStillClose) {
     EXPECT_EQ(makeCylinderMesh(1, 1, 0, 0).getNumFaces(), 3 * 4);
 }
 
-TEST(Primitive, PlaneAndBoxLayout) {
+TEST(Primitive, PlaneUvsFollowPositionsAndBoxSidesNumberMaterialsFromZero) {
     const Mesh plane = makePlaneMesh(2, 4, 3, 5);  // length along Y, width along X
     EXPECT_EQ(plane.getNumFaces(), 3 * 5 * 2);
-    expectNear(plane.getBoundingBox().pmin, {-2, -1, 0});
-    expectNear(plane.getBoundingBox().pmax, {2, 1, 0});
     for (int f = 0; f < plane.getNumFaces(); ++f) {
-        expectNear(faceNormal(plane, f), {0, 0, 1});
+        const Point3* v = plane.verts.data();
+        const Face& face = plane.faces[f];
+        EXPECT_GT(CrossProd(v[face.v[1]] - v[face.v[0]], v[face.v[2]] - v[face.v[0]]).z, 0.0f);
         for (int c = 0; c < 3; ++c) {
             const Point3 p = plane.verts[plane.faces[f].v[c]];
-            const Point3 uv = plane.mapVerts(1)[plane.mapFaces(1)[f].t[c]];
-            expectNear(uv, {p.x / 4 + 0.5f, p.y / 2 + 0.5f, 0});
+            EXPECT_EQ(p.z, 0.0f);
+            expectNear(plane.mapVerts(1)[plane.mapFaces(1)[f].t[c]],
+                       {p.x / 4 + 0.5f, p.y / 2 + 0.5f, 0});
         }
     }
-
-    const Mesh box = makeBoxMesh(1, 2, 3, 1, 1, 1);  // welded corners, base on z = 0
-    EXPECT_EQ(box.getNumVerts(), 8);
-    expectNear(box.getBoundingBox().pmin, {-1, -0.5f, 0});
-    const Matrix3 tm = TransMatrix({10, 0, 0});
-    expectNear(box.getBoundingBox(&tm).pmax, {11, 0.5f, 3});
+    // One smoothing group per side, and the user's material 1 is id 0.
+    const Mesh box = makeBoxMesh(1, 2, 3, 1, 1, 1);
     std::map<uint16_t, uint32_t> groupOfMaterial;
-    for (const Face& f : box.faces) {
+    for (const Face& f : box.faces)
         EXPECT_EQ(groupOfMaterial.try_emplace(f.getMatID(), f.smGroup).first->second, f.smGroup);
-    }
     EXPECT_EQ(groupOfMaterial.size(), 6u);
-    EXPECT_EQ(groupOfMaterial.begin()->first, 0);  // the user's material 1
+    EXPECT_EQ(groupOfMaterial.begin()->first, 0);
+    expectNear(box.getBoundingBox().pmin, {-1, -0.5f, 0});  // base on z = 0
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
-// The parameter block: saved ids, defaults, ranges, control bindings, the
-// "Pattern" accessor and undo of parameter changes.
+// The parameter block: clamping at the scripting entry, the "Pattern"
+// accessor and undo of a pick.
 #include "plugin/params.h"
 
 #include "host/hold.h"
 #include "host/node.h"
-#include "plugin/entry.h"
 #include "support/mosaiq_test.h"
 
 #include <gtest/gtest.h>
-
-#include <map>
 
 namespace {
 
@@ -17,64 +14,6 @@ using namespace mosaiq;
 using mosaiq::test::MosaiqPtr;
 using mosaiq::test::newMosaiq;
 using mq::ParamBlock;
-
-TEST(PatternBlockDesc, SavedIdsAndNamesAndNoParameterTwo) {
-    // Ids and names are what saved scenes and scripts hold: they never move.
-    const std::map<int, std::string> saved = {
-        {0, "Pattern_On"},      {17, "Pattern_Source"}, {1, "Pattern"},
-        {18, "Pattern_File"},   {3, "Crop_Size"},       {6, "Crop_Transfrom"},
-        {4, "Height"},          {5, "Shift"},           {7, "Use_Surface_Mapping"},
-        {8, "Surface"},         {9, "Map_Channel"},     {16, "Real_World_Scale"},
-        {10, "Tiling"},         {11, "Poli_ID"},        {12, "Random_Segment_Count"},
-        {13, "UV_Random_Seed"}, {14, "Dummy_Size"},     {15, "Texture_Size"}};
-    const mq::ParamBlockDesc& d = patternPBDesc();
-    EXPECT_EQ(d.ID, 0);
-    EXPECT_EQ(d.int_name, "parameters");
-    ASSERT_EQ(d.Count(), static_cast<int>(saved.size()));
-    for (const auto& [id, name] : saved) {
-        const mq::ParamDef* def = d.findByName(name);
-        ASSERT_NE(def, nullptr) << name;
-        EXPECT_EQ(def->id, id) << name;
-        EXPECT_EQ(def->flags, 0u) << name << " must not be animatable";
-    }
-    EXPECT_EQ(d.GetParamDef(2), nullptr);
-
-    MosaiqPtr obj = newMosaiq();
-    ParamBlock* pb = obj->GetParamBlock(0);
-    int i = 0;
-    mq::Interval valid;
-    EXPECT_FALSE(pb->GetValue(2, 0, i, valid));
-    EXPECT_FALSE(pb->SetValue(2, 0, 1));
-    EXPECT_FALSE(pb->assignFromScript(2, 0, 1).ok);
-}
-
-TEST(PatternBlock, NewObjectDefaults) {
-    MosaiqPtr obj = newMosaiq();
-    ParamBlock* pb = obj->GetParamBlock(0);
-    ASSERT_NE(pb, nullptr);
-    EXPECT_EQ(pb->GetInt(kPatternOn), 1);
-    EXPECT_EQ(pb->GetInt(kPatternSource), 0);
-    EXPECT_EQ(pb->GetINode(kPattern), nullptr);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(pb->GetFloat(kCropSize, 0, i), 100.0f);
-    EXPECT_EQ(pb->GetFloat(kHeight), 100.0f);
-    EXPECT_EQ(pb->GetFloat(kShift), 0.0f);
-    EXPECT_EQ(pb->GetInt(kUseSurfaceMapping), 1);
-    EXPECT_EQ(pb->GetINode(kSurface), nullptr);
-    EXPECT_EQ(pb->GetInt(kMapChannel), 1);
-    EXPECT_EQ(pb->GetInt(kRealWorldScale), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(pb->GetFloat(kTiling, 0, i), 1.0f);
-        EXPECT_EQ(pb->GetInt(kPoliId, 0, i), 1);
-        EXPECT_EQ(pb->GetInt(kRandomSegmentCount, 0, i), 1);
-    }
-    EXPECT_EQ(pb->GetInt(kUvRandomSeed), 42);
-    EXPECT_EQ(pb->GetFloat(kDummySize), 1.0f);
-    EXPECT_EQ(pb->GetInt(kTextureSize), 256);
-    // Set by the constructor rather than the table.
-    EXPECT_TRUE(pb->GetMatrix3(kCropTransform).IsIdentity());
-    EXPECT_EQ(pb->GetStr(kPatternFile), "/");
-    EXPECT_EQ(std::get<std::string>(patternPBDesc().GetParamDef(kPatternFile)->defaultValue), "");
-}
 
 TEST(PatternBlock, ScriptingClampsIntoRangeWithWarning) {
     // A value typed at the scripting entry and what the block keeps of it.
@@ -97,6 +36,12 @@ TEST(PatternBlock, ScriptingClampsIntoRangeWithWarning) {
     };
     MosaiqPtr obj = newMosaiq();
     ParamBlock* pb = obj->GetParamBlock(0);
+    // There is no parameter 2: it fails as any unknown id does.
+    int i = 0;
+    mq::Interval valid;
+    EXPECT_FALSE(pb->GetValue(2, 0, i, valid));
+    EXPECT_FALSE(pb->SetValue(2, 0, 1));
+    EXPECT_FALSE(pb->assignFromScript(2, 0, 1).ok);
     for (const auto& c : cases) {
         const std::string name = patternPBDesc().GetParamDef(c.id)->internalName;
         SCOPED_TRACE(name + "[" + std::to_string(c.tabIndex) +
@@ -146,34 +91,6 @@ TEST(PatternPBAccessor, PickStoresTheNodeInTheOwnerOnly) {
     accessor.Set(v, nullptr, kPattern, 0, 0);  // no owner
     accessor.Set(v, pb, kPattern, 0, 0);       // not a Mosaiq
     EXPECT_EQ(obj->patternNode(), nullptr);
-}
-
-// Control bindings, as InitParamBlockUI leaves them and ClearParamBlockUI restores them.
-TEST(ControlBindings, EveryParameterButTheCropTransformHasItsOwnControls) {
-    InitParamBlockUI(&patternPBDesc());
-    std::map<int, std::map<int, std::string>> used;  // map -> control -> parameter
-    std::map<int, std::vector<int>> bound;
-    for (const mq::ParamDef& def : patternPBDesc().params()) {
-        // The crop transform is changed only by the crop-box operations.
-        ASSERT_EQ(def.ui.has_value(), def.id != kCropTransform) << def.internalName;
-        if (!def.ui) continue;
-        bound[def.id] = def.ui->controls;
-        if (def.ui->control == mq::TYPE_SPINNER) {  // an edit box and a spinner per element
-            EXPECT_EQ(def.ui->controls.size(), 2u * def.count()) << def.internalName;
-        }
-        for (int control : def.ui->controls) {
-            auto [it, fresh] = used[def.ui->map].emplace(control, def.internalName);
-            EXPECT_TRUE(fresh) << control << " in map " << def.ui->map << " serves " << it->second
-                               << " and " << def.internalName;
-        }
-    }
-    ClearParamBlockUI(&patternPBDesc());
-    for (const mq::ParamDef& def : patternPBDesc().params()) {
-        ASSERT_EQ(def.ui.has_value(), bound.count(def.id) == 1) << def.internalName;
-        if (def.ui) {
-            EXPECT_EQ(def.ui->controls, bound[def.id]) << def.internalName;
-        }
-    }
 }
 
 }  // namespace

@@ -46,34 +46,34 @@ TEST(PluginLoad, ExportsWhatTheHostLooksUp) {
     ASSERT_NE(cd, nullptr);
     EXPECT_EQ(cd->HInstance(), lib);
     EXPECT_EQ(classDesc(1), nullptr);
+    EXPECT_EQ(classDesc(-1), nullptr);
     EXPECT_EQ(shutdown(), 1);
     EXPECT_EQ(dlclose(lib), 0);
     // Recording the handle gave back the reference it took: the library is gone.
     EXPECT_EQ(dlopen(kLibrary.c_str(), RTLD_NOLOAD | RTLD_LAZY), nullptr);
 }
 
-TEST(PluginLoad, ManagerRegistersTheClassUntilUnload) {
+TEST(PluginLoad, FolderLoadSkipsANonLibraryAndRegistersTheClassUntilUnload) {
+    mq::test::TempDir folder;
+    folder.write("x.dlo", "this is not an ELF shared object\n");
+    fs::copy_file(kLibrary, folder.path() / "y.dlo");
     mq::PluginManager manager;
-    std::string error;
-    ASSERT_TRUE(manager.loadLibrary(kLibrary, error)) << error;
+    const std::vector<std::string> messages = manager.loadFolder(folder.path());
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_NE(messages[0].find("x.dlo"), std::string::npos) << messages[0];
+    // The rest of the folder still loads.
     ASSERT_EQ(manager.libraries().size(), 1u);
     EXPECT_EQ(manager.libraries()[0].description, "Mosaiq");
-    ASSERT_EQ(manager.libraries()[0].classes.size(), 1u);
+    EXPECT_EQ(manager.libraries()[0].classes.size(), 1u);
 
     mq::ClassDesc* cd = mq::classDirectory().find(mq::GEOMOBJECT_CLASS_ID, kMosaiqClassId);
     ASSERT_NE(cd, nullptr);
     EXPECT_EQ(mq::classDirectory().findByInternalName("PatternPattern"), cd);
-    EXPECT_STREQ(cd->ClassName(), "Mosaiq");
-    EXPECT_STREQ(cd->Category(), "VRay");
-
     mq::Object* obj = mq::createObject(mq::GEOMOBJECT_CLASS_ID, kMosaiqClassId);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(obj->ClassID(), kMosaiqClassId);
-    EXPECT_EQ(obj->GetClassName(), "Mosaiq");
-    mq::ParamBlock* pb = obj->GetParamBlockByID(0);
-    ASSERT_NE(pb, nullptr);
-    EXPECT_EQ(pb->GetStr(18), "/");
-    EXPECT_EQ(pb->GetInt(13), 42);
+    ASSERT_NE(obj->GetParamBlockByID(0), nullptr);
+    EXPECT_EQ(obj->GetParamBlockByID(0)->GetStr(18), "/");
     EXPECT_EQ(obj->ObjectValidity(160), mq::Interval(160, 160));
     EXPECT_EQ(obj->CanConvertToType(mq::TRIOBJ_CLASS_ID), 0);
     obj->DeleteThis();
@@ -81,22 +81,6 @@ TEST(PluginLoad, ManagerRegistersTheClassUntilUnload) {
     manager.unloadAll();
     EXPECT_EQ(mq::classDirectory().find(mq::GEOMOBJECT_CLASS_ID, kMosaiqClassId), nullptr);
     EXPECT_EQ(mq::classDirectory().findByInternalName("PatternPattern"), nullptr);
-}
-
-TEST(PluginLoad, FolderSkipsAFileThatIsNotALibrary) {
-    mq::test::TempDir folder;
-    folder.write("x.dlo", "this is not an ELF shared object\n");
-    fs::copy_file(kLibrary, folder.path() / "y.dlo");
-
-    mq::PluginManager manager;
-    const std::vector<std::string> messages = manager.loadFolder(folder.path());
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_NE(messages[0].find("x.dlo"), std::string::npos) << messages[0];
-    // The rest of the folder still loads.
-    ASSERT_EQ(manager.libraries().size(), 1u);
-    EXPECT_EQ(manager.libraries()[0].file.filename(), "y.dlo");
-    EXPECT_NE(mq::classDirectory().find(mq::GEOMOBJECT_CLASS_ID, kMosaiqClassId), nullptr);
-    manager.unloadAll();
 }
 
 }  // namespace

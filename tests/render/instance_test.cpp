@@ -35,20 +35,21 @@ TileHit hitWithFace(int32_t face) {
 
 TEST(HitRecordStore, LookupFindsOnlyTheRayThatWrote) {
     HitRecordStore store;
-    ASSERT_TRUE(store.create(2));
+    ASSERT_TRUE(store.create(3));
     ASSERT_TRUE(store.write(0, 2, 5, hitWithFace(7)));
-
-    const TileHit* found = store.lookup(0, 2, 5);
-    ASSERT_NE(found, nullptr);
-    EXPECT_EQ(found->faceIndex, 7);
-    EXPECT_EQ(store.entryCount(0), 3);  // grown to level + 1
+    ASSERT_TRUE(store.write(2, 2, 5, hitWithFace(12)));
+    ASSERT_NE(store.lookup(0, 2, 5), nullptr);
+    EXPECT_EQ(store.lookup(0, 2, 5)->faceIndex, 7);
+    EXPECT_EQ(store.lookup(2, 2, 5)->faceIndex, 12);  // each thread its own
+    EXPECT_EQ(store.entryCount(0), 3);                // grown to level + 1
+    EXPECT_EQ(store.entryCount(1), 0);
 
     EXPECT_EQ(store.lookup(0, 2, 6), nullptr);  // a later ray on the same level
     EXPECT_EQ(store.lookup(0, 1, 5), nullptr);  // levels below were never written
     EXPECT_EQ(store.lookup(0, 0, 0), nullptr);  // empty entries don't match tag 0
     EXPECT_EQ(store.lookup(0, 3, 5), nullptr);  // beyond the list
     EXPECT_EQ(store.lookup(1, 2, 5), nullptr);  // another thread's list
-    EXPECT_EQ(store.lookup(2, 2, 5), nullptr);  // no such thread
+    EXPECT_EQ(store.lookup(3, 2, 5), nullptr);  // no such thread
     EXPECT_EQ(store.lookup(-1, 2, 5), nullptr);
     EXPECT_EQ(store.lookup(0, -1, 5), nullptr);
 
@@ -58,33 +59,18 @@ TEST(HitRecordStore, LookupFindsOnlyTheRayThatWrote) {
     ASSERT_NE(store.lookup(0, 2, 9), nullptr);
     EXPECT_EQ(store.lookup(0, 2, 9)->faceIndex, 3);
 
-    // Clearing tags (every frame) empties every record.
-    store.clearTags();
-    EXPECT_EQ(store.lookup(0, 2, 9), nullptr);
-}
-
-TEST(HitRecordStore, ThreadsKeepTheirOwnRecords) {
-    HitRecordStore store;
-    ASSERT_TRUE(store.create(3));
-    ASSERT_TRUE(store.write(0, 1, 4, hitWithFace(10)));
-    ASSERT_TRUE(store.write(2, 1, 4, hitWithFace(12)));
-    EXPECT_EQ(store.lookup(0, 1, 4)->faceIndex, 10);
-    EXPECT_EQ(store.lookup(2, 1, 4)->faceIndex, 12);
-    EXPECT_EQ(store.lookup(1, 1, 4), nullptr);
-    EXPECT_EQ(store.entryCount(1), 0);
-}
-
-TEST(HitRecordStore, DeepLevelsGrowTheListAndKeepEarlierRecords) {
-    HitRecordStore store;
-    ASSERT_TRUE(store.create(1));
-    ASSERT_TRUE(store.write(0, 3, 1, hitWithFace(1)));
+    // Deep levels grow the list and keep earlier records.
     const int32_t deep = HitRecordStore::kGrowthCapacity + 15;
     ASSERT_TRUE(store.write(0, deep, 2, hitWithFace(2)));
     EXPECT_EQ(store.entryCount(0), deep + 1);
-    ASSERT_NE(store.lookup(0, 3, 1), nullptr);
-    EXPECT_EQ(store.lookup(0, 3, 1)->faceIndex, 1);
+    ASSERT_NE(store.lookup(0, 2, 9), nullptr);
     EXPECT_EQ(store.lookup(0, deep, 2)->faceIndex, 2);
-    for (int32_t level = 4; level < deep; ++level) EXPECT_EQ(store.lookup(0, level, 1), nullptr);
+    for (int32_t level = 3; level < deep; ++level) EXPECT_EQ(store.lookup(0, level, 2), nullptr);
+
+    // Clearing tags (every frame) empties every record.
+    store.clearTags();
+    EXPECT_EQ(store.lookup(0, 2, 9), nullptr);
+    EXPECT_EQ(store.lookup(0, deep, 2), nullptr);
 }
 
 TEST(HitRecordStore, UnusableStoresRefuseQuietly) {
@@ -222,86 +208,63 @@ struct DrivenInstance {
     std::vector<PrimitiveEntry> entries;
 };
 
-// ---- Texture coordinates ----
-
-TEST(MosaiqInstanceUvw, MapChannelWithSurfaceMappingGivesTheSurfaceUv) {
-    struct Case {
-        float tilingU, tilingV;
-        bool realWorldScale;
-    };
-    // Real_World_Scale stores the reciprocal tiling; the answer is the same UV.
-    for (const Case c : {Case{1, 1, false}, Case{2, 3, false}, Case{0.5f, 0.25f, true}}) {
-        SCOPED_TRACE(testing::Message()
-                     << c.tilingU << " x " << c.tilingV << " rws " << c.realWorldScale);
-        MosaiqScene s(flatPattern());
-        s.pblock().SetValue(kTiling, 0, c.tilingU, 0);
-        s.pblock().SetValue(kTiling, 0, c.tilingV, 1);
-        s.pblock().SetValue(kRealWorldScale, 0, c.realWorldScale ? 1 : 0);
-        DrivenInstance d(s);
-        ASSERT_TRUE(d.inst);
-        ASSERT_TRUE(d.inst->frameValid());
-        const float tu = c.realWorldScale ? 1.0f / c.tilingU : c.tilingU;
-        const float tv = c.realWorldScale ? 1.0f / c.tilingV : c.tilingV;
-        EXPECT_FLOAT_EQ(d.inst->tilingU(), tu);
-        // Near the middle of the first tile cell, where the pattern lies.
-        const float x = (0.5f / tu - 0.5f) * 20.0f + 0.3f;
-        const float y = (0.5f / tv - 0.5f) * 20.0f - 0.2f;
-        RayContext rc;
-        rc.raySequence = 11;
-        const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
-        ASSERT_TRUE(t.hit);
-        rc.hit = &t.isect;
-        const Point3 uv = d.inst->uvw(rc, 1);
-        EXPECT_NEAR(uv.x, x / 20.0f + 0.5f, 1e-4f);
-        EXPECT_NEAR(uv.y, y / 20.0f + 0.5f, 1e-4f);
-        EXPECT_TRUE(std::isfinite(uv.z));
-    }
+// The UVW at the hit of a ray straight down at (x, y).
+Point3 uvwAt(MosaiqScene& s, float x, float y, int channel) {
+    DrivenInstance d(s);
+    EXPECT_TRUE(d.inst && d.inst->frameValid());
+    if (!d.inst) return Point3(-1, -1, -1);
+    RayContext rc;
+    rc.raySequence = 11;
+    const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
+    EXPECT_TRUE(t.hit);
+    rc.hit = &t.isect;
+    return t.hit ? d.inst->uvw(rc, channel) : Point3(-1, -1, -1);
 }
 
-TEST(MosaiqInstanceUvw, OtherChannelsAndMappingOffGiveThePatternUv) {
-    const float x = 1.5f, y = -2.5f;
-    // Tile x = (x + 10) / 20 * 8 and pattern x = tile x - 4 = 0.4 x.
-    const Point3 patternUv(0.4f * x / 4 + 0.5f, 0.4f * y / 4 + 0.5f, 0);
-    const Point3 surfaceUv(x / 20 + 0.5f, y / 20 + 0.5f, 0);
-    struct Case {
+TEST(MosaiqInstanceUvw, SurfaceUvOnTheMapChannelWithMappingOnElseThePatternUv) {
+    enum Want { kSurfaceUv, kPatternUv, kZero };
+    const struct {
         int mapChannel, useSurfaceMapping, channel;
-        bool surface;
+        float tilingU, tilingV;
+        bool realWorldScale;
+        Want want;
+    } cases[] = {
+        {1, 1, 1, 1, 1, false, kSurfaceUv},
+        {1, 1, 1, 2, 3, false, kSurfaceUv},
+        {1, 1, 1, 0.5f, 0.25f, true, kSurfaceUv},  // the reciprocal tiling
+        {1, 0, 1, 1, 1, false, kPatternUv},
+        {2, 1, 1, 1, 1, false, kPatternUv},
+        {2, 1, 2, 1, 1, false, kSurfaceUv},
+        {1, 1, 7, 1, 1, false, kZero},  // neither the pattern nor the mapping has it
     };
-    for (const Case c :
-         {Case{1, 1, 1, true}, Case{1, 0, 1, false}, Case{2, 1, 1, false}, Case{2, 1, 2, true}}) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "map " << c.mapChannel << " on " << c.useSurfaceMapping
-                                        << " asked " << c.channel);
+                                        << " asked " << c.channel << " tiling " << c.tilingU
+                                        << " x " << c.tilingV << " rws " << c.realWorldScale);
         MosaiqScene s(flatPattern());
         s.pblock().SetValue(kMapChannel, 0, c.mapChannel);
         s.pblock().SetValue(kUseSurfaceMapping, 0, c.useSurfaceMapping);
-        DrivenInstance d(s);
-        ASSERT_TRUE(d.inst);
-        RayContext rc;
-        rc.raySequence = 3;
-        const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
-        ASSERT_TRUE(t.hit);
-        rc.hit = &t.isect;
-        const Point3 uv = d.inst->uvw(rc, c.channel);
-        const Point3 want = c.surface ? surfaceUv : patternUv;
+        s.pblock().SetValue(kTiling, 0, c.tilingU, 0);
+        s.pblock().SetValue(kTiling, 0, c.tilingV, 1);
+        s.pblock().SetValue(kRealWorldScale, 0, c.realWorldScale ? 1 : 0);
+        // Near the middle of the first tile cell, where the pattern lies.
+        const float tu = c.realWorldScale ? 1.0f / c.tilingU : c.tilingU;
+        const float tv = c.realWorldScale ? 1.0f / c.tilingV : c.tilingV;
+        const float x = (0.5f / tu - 0.5f) * 20.0f + 0.3f;
+        const float y = (0.5f / tv - 0.5f) * 20.0f - 0.2f;
+        // With tiling 1, tile x = (x + 10) / 20 * 8 and pattern x = tile x - 4 = 0.4 x.
+        const Point3 want = c.want == kSurfaceUv   ? Point3(x / 20 + 0.5f, y / 20 + 0.5f, 0)
+                            : c.want == kPatternUv ? Point3(0.1f * x + 0.5f, 0.1f * y + 0.5f, 0)
+                                                   : Point3();
+        const Point3 uv = uvwAt(s, x, y, c.channel);
         EXPECT_NEAR(uv.x, want.x, 1e-4f);
         EXPECT_NEAR(uv.y, want.y, 1e-4f);
     }
-    // A channel neither the pattern nor the mapping has is zero.
-    MosaiqScene s(flatPattern());
-    DrivenInstance d(s);
-    RayContext rc;
-    rc.raySequence = 3;
-    const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
-    ASSERT_TRUE(t.hit);
-    rc.hit = &t.isect;
-    const Point3 none = d.inst->uvw(rc, 7);
-    EXPECT_EQ(none.x, 0.0f);
-    EXPECT_EQ(none.y, 0.0f);
 }
 
-// ---- Intersection data ----
+// ---- Intersection data and the frame ----
 
-TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRay) {
+TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRayOnly) {
     MosaiqScene s(flatPattern());
     DrivenInstance d(s, 2);
     ASSERT_TRUE(d.inst);
@@ -316,42 +279,24 @@ TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRay) {
     EXPECT_NEAR(t.isect.point[1], 1.1, 1e-4);
     EXPECT_NEAR(t.isect.t, 50.0 - t.isect.point[2], 1e-4);
     EXPECT_GT(t.isect.point[2], 0.0);
-    EXPECT_NEAR(std::fabs(t.isect.geometricNormal.z), 1.0f, 1e-4f);
-    EXPECT_GE(t.isect.faceIndex, 0);
     EXPECT_EQ(t.isect.shadeData, d.inst.get());
     // The face base spans the hit: corner + beta e1 + gamma e2 is the point.
     const Point3 p = t.isect.faceBase[0] + t.isect.faceBase[1] * t.isect.bary.x +
                      t.isect.faceBase[2] * t.isect.bary.y;
     for (int a = 0; a < 3; ++a) EXPECT_NEAR(p[a], t.isect.point[a], 1e-3);
 
-    // The same primitive asked for another ray, level or thread: no record.
+    // Another ray, level, thread or piece than the one that wrote: no record.
     IntersectionData other;
     const uint32_t id = t.isect.primitiveId;
-    RayContext later = rc;
-    later.raySequence = 41;
-    EXPECT_FALSE(d.inst->intersectionData(later, id, other));
-    RayContext level = rc;
-    level.rayLevel = 1;
-    EXPECT_FALSE(d.inst->intersectionData(level, id, other));
-    RayContext thread = rc;
-    thread.threadIndex = 0;
-    EXPECT_FALSE(d.inst->intersectionData(thread, id, other));
-    // Asked for another piece than the one that wrote the record.
-    const uint32_t otherPiece = id == 0 ? 1 : 0;
-    EXPECT_FALSE(d.inst->intersectionData(rc, otherPiece, other));
+    for (auto [sequence, level, thread] : {std::tuple{41u, 2, 1}, {40u, 1, 1}, {40u, 2, 0}}) {
+        RayContext later = rc;
+        later.raySequence = sequence;
+        later.rayLevel = level;
+        later.threadIndex = thread;
+        EXPECT_FALSE(d.inst->intersectionData(later, id, other)) << sequence << level << thread;
+    }
+    EXPECT_FALSE(d.inst->intersectionData(rc, id == 0 ? 1 : 0, other));
     EXPECT_FALSE(d.inst->intersectionData(rc, uint32_t(d.inst->primitiveCount()), other));
-}
-
-TEST(MosaiqInstanceFrame, PoliIdRangeWithoutFacesIsValidAndEmpty) {
-    MosaiqScene s(flatPattern());
-    s.pblock().SetValue(kPoliId, 0, 50, 0);
-    s.pblock().SetValue(kPoliId, 0, 60, 1);
-    DrivenInstance d(s);
-    ASSERT_TRUE(d.inst);
-    EXPECT_TRUE(d.inst->frameValid());
-    EXPECT_EQ(d.inst->primitiveCount(), 0);
-    EXPECT_TRUE(d.inst->boundingBox().isEmpty());
-    EXPECT_TRUE(d.entries.empty());
 }
 
 TEST(MosaiqInstanceFrame, FailedMappingKeepsTheInstanceOutOfTheRayServer) {
@@ -367,6 +312,10 @@ TEST(MosaiqInstanceFrame, FailedMappingKeepsTheInstanceOutOfTheRayServer) {
 TEST(MosaiqInstanceFrame, StoresFollowTheCoreAndEndWithTheRender) {
     MosaiqScene s(flatPattern());
     FakeCore core(3);
+    test::MosaiqPtr empty = test::newMosaiq();
+    EXPECT_FALSE(empty->renderReady());
+    EXPECT_EQ(empty->newRenderInstance(nullptr, core, 1), nullptr);
+    EXPECT_TRUE(s.mosaiq->renderReady());  // a picked scene node is enough
     std::unique_ptr<MosaiqInstance> inst(
         static_cast<MosaiqInstance*>(s.mosaiq->newRenderInstance(s.mosaiqNode, core, 1)));
     ASSERT_TRUE(inst);
@@ -377,42 +326,12 @@ TEST(MosaiqInstanceFrame, StoresFollowTheCoreAndEndWithTheRender) {
     inst->compileGeometry(core);
     ASSERT_TRUE(inst->frameValid());
     EXPECT_GT(inst->primitiveCount(), 0);
-    ASSERT_EQ(core.registered.size(), 1u);
-    EXPECT_EQ(core.registered[0], static_cast<tracer::DynamicPrimitive*>(inst.get()));
-    // The box holds every piece.
-    const tracer::StaticBox box = inst->boundingBox();
-    for (int i = 0; i < inst->primitiveCount(); ++i) {
-        const Box3 b = inst->primitives()[size_t(i)].boundingBox();
-        EXPECT_LE(box.pmin.x, b.pmin.x);
-        EXPECT_GE(box.pmax.z, b.pmax.z);
-    }
+    EXPECT_EQ(core.registered, std::vector<tracer::DynamicPrimitive*>{inst.get()});
     inst->frameEnd(core);
     EXPECT_EQ(inst->primitiveCount(), 0);
     inst->renderEnd(core);
     EXPECT_FALSE(inst->tile().built);
     EXPECT_EQ(inst->hitStore(0).threadCount(), 0);
-}
-
-// ---- The object's render side ----
-
-TEST(MosaiqRenderObject, AnswersTheRenderInterfaceOnlyWhenReady) {
-    test::MosaiqPtr empty = test::newMosaiq();
-    void* ro = empty->GetInterface(tracer::kRenderObjectInterfaceId);
-    ASSERT_EQ(ro, static_cast<tracer::RenderObject*>(empty.get()));
-    FakeCore core(1);
-    EXPECT_TRUE(static_cast<tracer::RenderObject*>(ro)->init(core));
-    EXPECT_FALSE(empty->renderReady());
-    EXPECT_EQ(empty->newRenderInstance(nullptr, core, 1), nullptr);
-    EXPECT_NE(empty->GetInterface(kPatternToolsInterfaceId), nullptr);
-
-    MosaiqScene s(flatPattern());
-    EXPECT_TRUE(s.mosaiq->renderReady());  // a picked scene node is enough
-    tracer::RenderInstance* inst = s.mosaiq->newRenderInstance(s.mosaiqNode, core, 4);
-    ASSERT_NE(inst, nullptr);
-    EXPECT_EQ(inst->node(), s.mosaiqNode);
-    EXPECT_EQ(inst->renderId(), 4);
-    EXPECT_EQ(inst->renderObject(), static_cast<tracer::RenderObject*>(s.mosaiq));
-    s.mosaiq->deleteRenderInstance(inst);
 }
 
 // ---- Whole renders ----

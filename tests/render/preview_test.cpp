@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <memory>
 #include <vector>
@@ -45,19 +46,16 @@ double meanLightOnLevelFace() {
 }
 
 TEST(PreviewTexture, ImageSizeKeepsTheAspectRatioAndCapsTheLongerSide) {
+    // (crop x, crop y, texture size) and the image's width and height.
+    for (const auto [x, y, size, width, height] : {std::array{10, 10, 256, 256, 256},
+                                                   {20, 10, 256, 362, 181},
+                                                   {40, 10, 2048, 2048, 512},
+                                                   {10, 40, 2048, 512, 2048}}) {
+        int w = 0, h = 0;
+        EXPECT_TRUE(previewImageSize(Point3(float(x), float(y), 3), size, w, h));
+        EXPECT_EQ(std::pair(w, h), std::pair(width, height)) << x << " x " << y << " @ " << size;
+    }
     int w = 0, h = 0;
-    EXPECT_TRUE(previewImageSize({10, 10, 3}, 256, w, h));
-    EXPECT_EQ(w, 256);
-    EXPECT_EQ(h, 256);
-    EXPECT_TRUE(previewImageSize({20, 10, 3}, 256, w, h));
-    EXPECT_EQ(w, 362);
-    EXPECT_EQ(h, 181);
-    EXPECT_TRUE(previewImageSize({40, 10, 3}, 2048, w, h));
-    EXPECT_EQ(w, 2048);
-    EXPECT_EQ(h, 512);
-    EXPECT_TRUE(previewImageSize({10, 40, 3}, 2048, w, h));
-    EXPECT_EQ(w, 512);
-    EXPECT_EQ(h, 2048);
     EXPECT_FALSE(previewImageSize({0, 10, 3}, 256, w, h));
     EXPECT_FALSE(previewImageSize({10, 10, 3}, 0, w, h));
 
@@ -68,9 +66,7 @@ TEST(PreviewTexture, ImageSizeKeepsTheAspectRatioAndCapsTheLongerSide) {
     PreviewImage img;
     ASSERT_TRUE(renderPreviewTexture(*tile, 12, img));
     ASSERT_TRUE(previewImageSize(tile->cropSize, 12, w, h));
-    EXPECT_EQ(img.width, w);
-    EXPECT_EQ(img.height, h);
-    EXPECT_EQ(img.rgba.size(), size_t(w) * h * 4);
+    EXPECT_TRUE(img.width == w && img.height == h && img.rgba.size() == size_t(w) * h * 4);
     tile->built = false;
     EXPECT_FALSE(renderPreviewTexture(*tile, 12, img));
     EXPECT_TRUE(img.rgba.empty());

@@ -36,41 +36,27 @@ Mesh withMaterialZero(Mesh mesh) {
     return mesh;
 }
 
-// Barycentric coordinates of p in a tetrahedron, in double precision.
-std::array<double, 4> barycentric(const Point3 c[4], const Point3& p) {
-    double m[3][3], r[3];
-    for (int i = 0; i < 3; ++i) {
-        for (int j = 0; j < 3; ++j) m[j][i] = double(c[i + 1][j]) - double(c[0][j]);
-        r[i] = double(p[i]) - double(c[0][i]);
-    }
-    const double det = m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
-                       m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
-                       m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
-    double x[3];
-    for (int col = 0; col < 3; ++col) {  // Cramer's rule
-        double a[3][3];
-        for (int i = 0; i < 3; ++i) {
-            for (int j = 0; j < 3; ++j) a[i][j] = j == col ? r[i] : m[i][j];
-        }
-        x[col] = (a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
-                  a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-                  a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0])) /
-                 det;
-    }
-    return {1.0 - x[0] - x[1] - x[2], x[0], x[1], x[2]};
+// Six times the signed volume of the tetrahedron (a, b, c, d), in double.
+double volume6(const Point3& a, const Point3& b, const Point3& c, const Point3& d) {
+    const double u[3] = {double(b.x) - a.x, double(b.y) - a.y, double(b.z) - a.z};
+    const double v[3] = {double(c.x) - a.x, double(c.y) - a.y, double(c.z) - a.z};
+    const double w[3] = {double(d.x) - a.x, double(d.y) - a.y, double(d.z) - a.z};
+    return u[0] * (v[1] * w[2] - v[2] * w[1]) - u[1] * (v[0] * w[2] - v[2] * w[0]) +
+           u[2] * (v[0] * w[1] - v[1] * w[0]);
 }
 
+// p lies in the piece: each barycentric coordinate (p in place of one
+// corner) is at least -eps.
 bool inside(const MosaiqPrimitive& piece, const Point3& p, double eps) {
-    for (double b : barycentric(piece.corners, p)) {
-        if (b < -eps) return false;
-    }
-    return true;
+    const Point3* c = piece.corners;
+    const double whole = volume6(c[0], c[1], c[2], c[3]);
+    return volume6(p, c[1], c[2], c[3]) / whole >= -eps &&
+           volume6(c[0], p, c[2], c[3]) / whole >= -eps &&
+           volume6(c[0], c[1], p, c[3]) / whole >= -eps &&
+           volume6(c[0], c[1], c[2], p) / whole >= -eps;
 }
 
-double volume(const Point3 c[4]) {
-    const Point3 a = c[1] - c[0], b = c[2] - c[0], d = c[3] - c[0];
-    return std::fabs(double(DotProd(CrossProd(a, b), d))) / 6.0;
-}
+double volume(const Point3 c[4]) { return std::fabs(volume6(c[0], c[1], c[2], c[3])) / 6.0; }
 
 SurfaceMappingSettings settings(float height, float shift, float tilingU, float tilingV,
                                 bool realWorldScale = false) {
@@ -379,33 +365,24 @@ TEST(SurfaceMappingScene, ExplicitNormalsFollowTheTransform) {
     }
 }
 
-TEST(SurfaceMappingScene, ReadsTheParameterBlock) {
+TEST(SurfaceMappingScene, ReadsTheParameterBlockAndFailsLeavingNoPieces) {
     auto tile = floorTile(Point3(5, 5, 4));
-    SurfaceScene scene(withMaterialZero(makePlaneMesh(10, 10, 2, 2)));
-    scene.pblock.SetValue(mosaiq::kTiling, 0, 2.0f, 0);
-    scene.pblock.SetValue(mosaiq::kTiling, 0, 4.0f, 1);
-    scene.pblock.SetValue(mosaiq::kRealWorldScale, 0, 1);
     SurfaceMapping mapping;
     std::vector<MosaiqPrimitive> pieces;
-    ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
-    EXPECT_EQ(mapping.tilingU, 0.5f);
-    EXPECT_EQ(mapping.tilingV, 0.25f);
-    EXPECT_EQ(mapping.primitiveCount, 8 * 3);
-
     // A host plane's faces carry the user's material 1, which the default
     // Poli_ID 1..1 takes; 2..2 takes nothing.
-    SurfaceScene hostIds(makePlaneMesh(10, 10, 2, 2));
-    ASSERT_TRUE(mapping.build(hostIds.pblock, *tile, 0, pieces));
+    SurfaceScene scene(makePlaneMesh(10, 10, 2, 2));
+    ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
     EXPECT_EQ(mapping.primitiveCount, 8 * 3);
-    hostIds.pblock.SetValue(mosaiq::kPoliId, 0, 2, 0);
-    hostIds.pblock.SetValue(mosaiq::kPoliId, 0, 2, 1);
-    ASSERT_TRUE(mapping.build(hostIds.pblock, *tile, 0, pieces));
-    EXPECT_EQ(mapping.primitiveCount, 0);
-
-    // Failures leave no pieces behind.
     scene.pblock.SetValue(mosaiq::kMapChannel, 0, 3);
     EXPECT_FALSE(mapping.build(scene.pblock, *tile, 0, pieces));
     EXPECT_EQ(mapping.primitiveCount, 0);
+    scene.pblock.SetValue(mosaiq::kMapChannel, 0, 1);
+    scene.pblock.SetValue(mosaiq::kPoliId, 0, 2, 0);
+    scene.pblock.SetValue(mosaiq::kPoliId, 0, 2, 1);
+    ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
+    EXPECT_EQ(mapping.primitiveCount, 0);
+
     SurfaceScene empty{Mesh()};
     EXPECT_FALSE(mapping.build(empty.pblock, *tile, 0, pieces));
     ParamBlock noSurface(&mosaiq::patternPBDesc(), nullptr);
