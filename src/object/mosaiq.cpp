@@ -210,7 +210,10 @@ tracer::RenderInstance* Mosaiq::newRenderInstance(Node* node, tracer::RenderCore
     try {
         if (!renderReady_) {
             const std::string name = node ? "\"" + node->GetName() + "\"" : "a Mosaiq node";
-            core.warning(name + " renders nothing: no pattern has been loaded or picked");
+            const std::string why = lastPatternError().empty()
+                                        ? "no pattern has been loaded or picked"
+                                        : lastPatternError();
+            core.warning(name + " renders nothing: " + why);
             return nullptr;
         }
         return new (std::nothrow) MosaiqInstance(this, node, &core, renderId);

@@ -104,6 +104,33 @@ TEST_F(RenderCli, InputErrorsExit3) {
     EXPECT_TRUE(files().size() == 1u) << "only the broken scene";
 }
 
+TEST_F(RenderCli, ANodeThatRendersNothingIsNamedWithItsReasonEachFrame) {
+    // An empty Poli_ID range: the rest of the scene still renders.
+    const Result r = tiny(path("w.png"), {"--frames", "0-1", "-D", "Mosaiq_pavers.Poli_ID=7,8"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    for (const char* frame : {"frame 0 renders nothing", "frame 1 renders nothing"})
+        EXPECT_NE(r.err.find(std::string("\"Mosaiq_pavers\": ") + frame), std::string::npos)
+            << r.err;
+    EXPECT_NE(r.err.find("\"Poli_ID\" range 7 to 8"), std::string::npos) << r.err;
+    EXPECT_TRUE(fs::exists(path("w.0001.png")));
+
+    // Copied elsewhere with its pattern beside it, the scene still finds the
+    // pattern; without the pattern, the node says which file is missing.
+    const fs::path examples = fs::path(MOSAIQ_SOURCE_DIR) / "examples";
+    fs::create_directories(path("moved/patterns"));
+    fs::copy_file(examples / "pavers-plane.mosaiq", path("moved/pavers-plane.mosaiq"));
+    const std::vector<std::string> args = {"render", path("moved/pavers-plane.mosaiq").string(),
+                                           "--resolution", "16x12", "--spp", "1", "-q", "-o",
+                                           path("moved.png").string()};
+    const Result missing = mosaiq(args);
+    ASSERT_EQ(missing.code, 0) << missing.err;
+    EXPECT_NE(missing.err.find("patterns/pavers.obj"), std::string::npos) << missing.err;
+    fs::copy_file(examples / "patterns/pavers.obj", path("moved/patterns/pavers.obj"));
+    const Result found = mosaiq(args);
+    ASSERT_EQ(found.code, 0) << found.err;
+    EXPECT_EQ(found.err.find("renders nothing"), std::string::npos) << found.err;
+}
+
 TEST_F(RenderCli, FrameRangeWritesNumberedFiles) {
     const Result r = tiny(path("seq.png"), {"--frames", "1-2"});
     ASSERT_EQ(r.code, 0) << r.err;
