@@ -66,28 +66,4 @@ TEST(PatternGen, EverySoundPeriodicInsideItsTileWithUvsAndOutwardNormals) {
     }
 }
 
-TEST(PatternGen, ObjHasEveryElementYUp) {
-    const Pattern p = mq::patterns::pavers();
-    mq::test::TempDir dir;
-    mq::patterns::writeObj(p, dir / "pavers.obj");
-    std::istringstream in(mq::test::readText(dir / "pavers.obj"));
-    int v = 0, vt = 0, vn = 0, f = 0;
-    float firstY = 0.0f, firstZ = 0.0f;
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("v ", 0) == 0 && v++ == 0)
-            std::sscanf(line.c_str(), "v %*f %f %f", &firstY, &firstZ);
-        vt += line.rfind("vt ", 0) == 0;
-        vn += line.rfind("vn ", 0) == 0;
-        f += line.rfind("f ", 0) == 0;
-    }
-    EXPECT_EQ(v, p.mesh.getNumVerts());
-    EXPECT_EQ(vt, p.mesh.getNumMapVerts(1));
-    EXPECT_EQ(vn, p.mesh.GetSpecifiedNormals()->GetNumNormals());
-    EXPECT_EQ(f, p.mesh.getNumFaces());
-    // Z-up (x, y, z) is written (x, z, -y).
-    EXPECT_NEAR(firstY, p.mesh.verts[0].z, 1e-5f);
-    EXPECT_NEAR(firstZ, -p.mesh.verts[0].y, 1e-5f);
-    EXPECT_THROW(mq::patterns::writeObj(p, "/nonexistent-folder/x.obj"), std::runtime_error);
-}
-
 }  // namespace

@@ -295,19 +295,6 @@ TEST_F(TileCapture, FailsWithoutAUsableMeshAndChangesNothing) {
     }
 }
 
-TEST_F(TileCapture, ABuiltTileIsKeptUntilReleased) {
-    pick(addNode("Square", new TriObject(squareMesh())), Point3(4, 4, 4), Matrix3());
-    PatternTile tile;
-    ASSERT_TRUE(tile.capture(pb_, 0));
-    useFile(dir_ / "missing.obj");  // not read while the tile is built
-    setCrop(Point3(50, 50, 50), Matrix3());
-    EXPECT_TRUE(tile.capture(pb_, 0));
-    EXPECT_EQ(tile.cropSize, Point3(4, 4, 4));
-    tile.release();
-    expectUnbuilt(tile);
-    EXPECT_FALSE(tile.capture(pb_, 0));
-}
-
 TEST(TileCaptureWithoutHost, AFilePatternNeedsAnInterface) {
     ASSERT_EQ(GetCOREInterface(), nullptr);
     mosaiq::test::MosaiqPtr obj = newMosaiq();

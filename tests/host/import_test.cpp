@@ -193,19 +193,6 @@ TEST(ImportGltf, SecondUvSetHierarchyAndRootTransform) {
     expectDepthFirst(importMeshFile(nested));
 }
 
-TEST(ImportFbx, StatedZUpIsKept) {
-    // A box from 3ds Max standing on z = 0, 47.24 inches tall, scaled to metres.
-    const fs::path file = kModels / "FBX/embedded_ascii/box.FBX";
-    if (!fs::exists(file)) GTEST_SKIP() << file << " not installed";
-    const ImportedScene scene = importMeshFile(file);
-    const ImportedNode& box = nodeNamed(scene, "Box001");
-    ASSERT_TRUE(box.mesh);
-    const Box3 bounds = box.mesh->getBoundingBox(&box.transform);
-    EXPECT_NEAR(bounds.pmin.z, 0.0f, 1e-4f);
-    EXPECT_NEAR(bounds.pmax.z, 1.2f, 1e-4f);
-    EXPECT_NEAR(bounds.pmin.y, -0.6f, 1e-4f);
-}
-
 TEST(ImportInvalid, NeverCrashes) {
     std::vector<fs::path> files;
     for (const char* dir :

@@ -66,20 +66,6 @@ TEST(HostInterfaceTest, FailedMergeChangesNothing) {
         << "nothing is merged without merge-all or a name list";
 }
 
-TEST(ClassRegistry, BuiltinPrimitivesConvertToMeshes) {
-    for (ClassId cid :
-         {PLANE_CLASS_ID, BOXOBJ_CLASS_ID, SPHERE_CLASS_ID, TORUS_CLASS_ID, CYLINDER_CLASS_ID}) {
-        Object* obj = createObject(GEOMOBJECT_CLASS_ID, cid);
-        ASSERT_NE(obj, nullptr);
-        EXPECT_EQ(obj->CanConvertToType(TRIOBJ_CLASS_ID), 1);
-        auto mesh = meshOfObject(obj, 0);
-        EXPECT_TRUE(mesh && mesh->getNumFaces() > 0 && mesh->mapSupport(1)) << obj->GetClassName();
-        obj->DeleteThis();
-    }
-    EXPECT_EQ(createObject(GEOMOBJECT_CLASS_ID, ClassId(1, 2)), nullptr);
-    EXPECT_NE(classDirectory().findByInternalName("Sphere"), nullptr);
-}
-
 TEST(PluginLoader, BrokenLibrariesAreSkippedWithTheirReason) {
     test::TempDir dir;
     dir.write("garbage.dlo", "not an ELF file");

@@ -309,31 +309,6 @@ TEST(MosaiqInstanceFrame, FailedMappingKeepsTheInstanceOutOfTheRayServer) {
     EXPECT_TRUE(d.core.registered.empty());
 }
 
-TEST(MosaiqInstanceFrame, StoresFollowTheCoreAndEndWithTheRender) {
-    MosaiqScene s(flatPattern());
-    FakeCore core(3);
-    test::MosaiqPtr empty = test::newMosaiq();
-    EXPECT_FALSE(empty->renderReady());
-    EXPECT_EQ(empty->newRenderInstance(nullptr, core, 1), nullptr);
-    EXPECT_TRUE(s.mosaiq->renderReady());  // a picked scene node is enough
-    std::unique_ptr<MosaiqInstance> inst(
-        static_cast<MosaiqInstance*>(s.mosaiq->newRenderInstance(s.mosaiqNode, core, 1)));
-    ASSERT_TRUE(inst);
-    inst->renderBegin(0, core);
-    for (int i = 0; i < MosaiqInstance::kStoreCount; ++i)
-        EXPECT_EQ(inst->hitStore(i).threadCount(), 3);
-    inst->frameBegin(0, core);
-    inst->compileGeometry(core);
-    ASSERT_TRUE(inst->frameValid());
-    EXPECT_GT(inst->primitiveCount(), 0);
-    EXPECT_EQ(core.registered, std::vector<tracer::DynamicPrimitive*>{inst.get()});
-    inst->frameEnd(core);
-    EXPECT_EQ(inst->primitiveCount(), 0);
-    inst->renderEnd(core);
-    EXPECT_FALSE(inst->tile().built);
-    EXPECT_EQ(inst->hitStore(0).threadCount(), 0);
-}
-
 // ---- Whole renders ----
 
 tracer::RenderSettings topView(int threads) {
