@@ -22,26 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Fails with kExitOutput unless a file can be created beside out and out is
-// not a folder.
-void checkWritable(const fs::path& out) {
-    const fs::path dir = out.parent_path().empty() ? fs::path(".") : out.parent_path();
-    std::error_code ec;
-    if (!fs::is_directory(dir, ec))
-        throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
-    if (fs::is_directory(out, ec))
-        throw CliError(kExitOutput, out.string() + ": is a folder, not a mesh file");
-    const fs::path probe =
-        dir / ("." + out.filename().string() + ".probe" + std::to_string(::getpid()));
-    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) {
-        throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
-                                        std::strerror(errno));
-    }
-    ::close(fd);
-    ::unlink(probe.c_str());
-}
-
 }  // namespace
 
 void runBake(mq::HostInterface& ip, const BakeOptions& opt) {
@@ -57,7 +37,7 @@ void runBake(mq::HostInterface& ip, const BakeOptions& opt) {
     mq::Scene& scene = ip.scene();
     mq::Node* node = findUniqueNode(scene, opt.node, opt.scene.string());
     mq::IPatternTools& tools = patternToolsOrFail(*node, opt.scene.string());
-    checkWritable(opt.output);
+    checkWritable(opt.output, "a mesh");
 
     const std::string what =
         opt.scene.string() + ": " + node->GetName() + ": frame " + std::to_string(opt.frame);

@@ -38,6 +38,10 @@ void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file);
 // Save; CliError(kExitOutput) when it cannot be written.
 void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file);
 
+// Fails with kExitOutput unless a file can be created beside out and out
+// is not a folder; what names the kind of file ("an image", "a mesh").
+void checkWritable(const std::filesystem::path& out, const std::string& what);
+
 // The one node named name; CliError(kExitUsage) naming it, prefixed with
 // what, when there is none or more than one.
 mq::Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what);

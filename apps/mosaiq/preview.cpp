@@ -77,25 +77,6 @@ CropBox parseCropBox(const std::string& text) {
     return {{v[0], v[1], v[2]}, {v[3], v[4], v[5]}};
 }
 
-// Fails with kExitOutput unless a file can be created beside out.
-void checkWritable(const fs::path& out) {
-    const fs::path dir = out.parent_path().empty() ? fs::path(".") : out.parent_path();
-    std::error_code ec;
-    if (!fs::is_directory(dir, ec))
-        throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
-    if (fs::is_directory(out, ec))
-        throw CliError(kExitOutput, out.string() + ": is a folder, not an image file");
-    const fs::path probe =
-        dir / ("." + out.filename().string() + ".probe" + std::to_string(getpid()));
-    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) {
-        throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
-                                        std::strerror(errno));
-    }
-    ::close(fd);
-    ::unlink(probe.c_str());
-}
-
 uint8_t toByte(float v) {
     return uint8_t(std::lround(std::clamp(std::isfinite(v) ? v : 0.0f, 0.0f, 1.0f) * 255.0f));
 }
@@ -250,7 +231,7 @@ void runPreview(mq::HostInterface& ip, const PreviewOptions& opt) {
         what = opt.scene.string() + ": " + node->GetName();
         patternToolsOrFail(*node, opt.scene.string());
     }
-    checkWritable(out);
+    checkWritable(out, "an image");
     if (fromFile) node = makePatternNode(ip, opt.pattern, crop);
     // For this run only: the scene is never written back.
     if (opt.size > 0)

@@ -127,26 +127,6 @@ fs::path tracerTemporary(const fs::path& target) {
                                    std::to_string(getpid()) + target.extension().string());
 }
 
-// Fails with kExitOutput unless a file can be created beside out and out
-// itself, when present, can be replaced.
-void checkWritable(const fs::path& out) {
-    const fs::path dir = out.parent_path().empty() ? fs::path(".") : out.parent_path();
-    std::error_code ec;
-    if (!fs::is_directory(dir, ec))
-        throw CliError(kExitOutput, out.string() + ": folder " + dir.string() + " does not exist");
-    if (fs::is_directory(out, ec))
-        throw CliError(kExitOutput, out.string() + ": is a folder, not an image file");
-    const fs::path probe =
-        dir / ("." + out.filename().string() + ".probe" + std::to_string(getpid()));
-    const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) {
-        throw CliError(kExitOutput, out.string() + ": cannot write in " + dir.string() + ": " +
-                                        std::strerror(errno));
-    }
-    ::close(fd);
-    ::unlink(probe.c_str());
-}
-
 void checkExtension(const fs::path& out) {
     std::string ext = out.extension().string();
     std::transform(ext.begin(), ext.end(), ext.begin(),
@@ -287,7 +267,8 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
                                 : fs::path(opt.scene.stem().string() + ".png");
     checkExtension(out);
     const bool numbered = lastFrame > firstFrame;
-    for (int f = firstFrame; f <= lastFrame; ++f) checkWritable(frameOutput(out, f, numbered));
+    for (int f = firstFrame; f <= lastFrame; ++f)
+        checkWritable(frameOutput(out, f, numbered), "an image");
 
     Progress progress(opt.quiet, ::isatty(STDERR_FILENO) == 1);
     fs::path writing;  // the output being written, for cleanup on an interrupt

@@ -58,8 +58,9 @@ TEST_F(PreviewCli, SceneNodeWritesAnRgbaPngNamedAfterTheNodeAndLeavesTheSceneAlo
 
     auto in = OIIO::ImageInput::open((dir_ / "Mosaiq001-preview.png").string());
     ASSERT_TRUE(in);
-    EXPECT_EQ(in->spec().nchannels, 4);
-    EXPECT_EQ(in->spec().format, OIIO::TypeDesc::UINT8);
+    const OIIO::ImageSpec& written = in->spec();
+    EXPECT_EQ(written.nchannels, 4);
+    EXPECT_EQ(written.format, OIIO::TypeDesc::UINT8);
     const mq::test::Picture p = mq::test::readPicture(dir_ / "Mosaiq001-preview.png");
     EXPECT_TRUE(p.width == 24 && p.height == 24);  // a square crop box
     EXPECT_GT(opaquePixels(p), 0);
