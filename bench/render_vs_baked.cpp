@@ -42,29 +42,6 @@
 
 extern char** environ;
 
-// The command line's helpers that the demo scene and assignments use.
-namespace mosaiq::cli {
-
-void printWarning(const std::string& text) { std::cerr << "warning: " << text << "\n"; }
-
-void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
-    try {
-        mq::loadScene(ip, file);
-    } catch (const mq::SceneError& e) {
-        throw CliError(kExitInput, e.what());
-    }
-}
-
-void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file) {
-    try {
-        mq::saveScene(scene, file);
-    } catch (const mq::SceneError& e) {
-        throw CliError(kExitOutput, e.what());
-    }
-}
-
-}  // namespace mosaiq::cli
-
 namespace {
 
 namespace fs = std::filesystem;
