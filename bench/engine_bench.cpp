@@ -28,7 +28,7 @@ void BM_CaptureBuild(benchmark::State& state) {
         Mesh mesh;
         mesh.DeepCopy(torusPattern(), 0x23FF);
         PatternTile tile;
-        tile.build(mesh, Matrix3(), kCropSize, 1, 1, threadLimit);
+        tile.build(mesh, Matrix3(), kCropSize, 1, 1, {.threadLimit = threadLimit});
         benchmark::DoNotOptimize(tile.tree.get());
         state.PauseTiming();  // freeing the tile is release()'s cost, not capture's
         tile.release();
@@ -43,7 +43,7 @@ BENCHMARK(BM_CaptureBuild)->Arg(0)->Arg(-1)->Unit(benchmark::kMillisecond)->UseR
 void BM_OctreeBuild(benchmark::State& state) {
     Mesh mesh = torusPattern();
     PatternTile tile;
-    tile.build(mesh, Matrix3(), kCropSize, 1, 1, 0);
+    tile.build(mesh, Matrix3(), kCropSize, 1, 1, {.threadLimit = 0});
     std::vector<const PatternFace*> faces;
     for (const PatternFace& f : tile.faces) faces.push_back(&f);
     const int limit = state.range(0) < 0 ? defaultBuildThreadLimit() : int(state.range(0));

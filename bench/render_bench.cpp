@@ -6,8 +6,6 @@
 #include "host/mesh.h"
 #include "host/node.h"
 #include "host/object.h"
-#include "host/paramblock.h"
-#include "plugin/params.h"
 #include "render/surface_mapping.h"
 
 #include <benchmark/benchmark.h>
@@ -35,7 +33,7 @@ std::unique_ptr<PatternTile> floorTile() {
         for (int c = 0; c < 3; ++c) mesh.faces[f].v[c] = tris[f][c];
     }
     auto tile = std::make_unique<PatternTile>();
-    tile->build(mesh, TransMatrix(crop * -0.5f), crop, 1, 1, 0);
+    tile->build(mesh, TransMatrix(crop * -0.5f), crop, 1, 1, {.threadLimit = 0});
     return tile;
 }
 
@@ -44,14 +42,14 @@ void BM_SurfaceMappingFrame(benchmark::State& state) {
     Node node("Surface");
     node.SetObjectRef(new TriObject(surfaceMesh()));
     node.setLocalTM(RotateZMatrix(0.2f) * TransMatrix(Point3(5, -3, 2)));
-    ParamBlock pblock(&mosaiq::patternPBDesc(), nullptr);
-    pblock.SetValue(mosaiq::kSurface, 0, &node);
+    SurfaceMappingSettings settings;
+    settings.surface = node.GetHandle();
     std::vector<MosaiqPrimitive> pieces;  // kept across frames, as the render instance does
     SurfaceMapping mapping;
-    mapping.build(pblock, *tile, 0, pieces);  // first frame sizes the pieces array
+    mapping.build(settings, *tile, 0, pieces);  // first frame sizes the pieces array
     int64_t faces = 0;
     for (auto _ : state) {
-        if (!mapping.build(pblock, *tile, 0, pieces)) state.SkipWithError("mapping failed");
+        if (!mapping.build(settings, *tile, 0, pieces)) state.SkipWithError("mapping failed");
         benchmark::DoNotOptimize(pieces.data());
         faces += mapping.stats.facesInRange;
     }

@@ -217,7 +217,8 @@ ojson tileJson(const std::filesystem::path& scene, const Node& node, const mq::T
     j["cropSize"] = pointJson(s.cropSize);
     j["octree"] = {{"min", pointJson(s.octreeMin)}, {"max", pointJson(s.octreeMax)},
                    {"depth", s.octreeDepth},        {"nodes", s.octreeNodes},
-                   {"leaves", s.octreeLeaves},      {"largestLeaf", s.largestLeaf}};
+                   {"leaves", s.octreeLeaves},      {"largestLeaf", s.largestLeaf},
+                   {"bytes", s.octreeBytes},        {"budgetBytes", s.octreeBudget}};
     ojson cloud = ojson::object();
     cloud["valid"] = s.pointCloudValid;
     cloud["min"] = s.pointCloudValid ? pointJson(s.pointCloudBox.pmin) : ojson();
@@ -243,6 +244,11 @@ std::string tileText(const std::filesystem::path& scene, const Node& node, const
                       " nodes, " + std::to_string(s.octreeLeaves) + " leaves, largest leaf " +
                       std::to_string(s.largestLeaf) + (s.largestLeaf == 1 ? " face" : " faces"));
     row("octree box", point(s.octreeMin) + " to " + point(s.octreeMax));
+    char memory[96];
+    std::snprintf(memory, sizeof memory, "%.1f MB of a %.0f MB budget (%s)",
+                  double(s.octreeBytes) / double(1 << 20), double(s.octreeBudget) / double(1 << 20),
+                  s.octreeBudgetVariable.c_str());
+    row("octree size", memory);
     row("point cloud", s.pointCloudValid
                            ? point(s.pointCloudBox.pmin) + " to " + point(s.pointCloudBox.pmax)
                            : std::string("not sampled"));

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <limits>
 #include <string>
@@ -160,8 +162,36 @@ PatternOctreeNode* mutableLocateToDepth(PatternOctreeNode* node, const Point3& p
     return node;
 }
 
+// What a node takes: itself and, in a leaf, its face list and face blocks.
+int64_t nodeBytes(int64_t leafFaces) {
+    return int64_t(sizeof(PatternOctreeNode)) + leafFaces * int64_t(sizeof(const PatternFace*)) +
+           (leafFaces + 3) / 4 * int64_t(sizeof(LeafFaceBlock));
+}
+
+std::string megabytes(int64_t bytes) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f MB", double(bytes) / double(1 << 20));
+    return text;
+}
+
+// Count a new node against the build's budget.
+void chargeBudget(OctreeBuild& build, int64_t leafFaces) {
+    const int64_t nodes = build.nodes.fetch_add(1, std::memory_order_relaxed) + 1;
+    const int64_t bytes = build.bytes.fetch_add(nodeBytes(leafFaces), std::memory_order_relaxed) +
+                          nodeBytes(leafFaces);
+    if (bytes <= build.memoryBudget) return;
+    throw OctreeTooLarge(
+        "the pattern's octree passed its memory budget of " + megabytes(build.memoryBudget) +
+        " after " + std::to_string(nodes) + " nodes (" + megabytes(bytes) + ") over " +
+        std::to_string(build.faceCount) +
+        " faces: faces piled up in one place split it down to its depth limit. Raise the "
+        "budget with " +
+        kOctreeMemoryVariable + "=<mebibytes> if the pattern is meant so");
+}
+
 void collectStats(const PatternOctreeNode* node, OctreeStats& stats) {
     ++stats.nodes;
+    stats.bytes += nodeBytes(node->isLeaf() ? node->faceCount : 0);
     stats.depth = std::max(stats.depth, static_cast<int>(node->depth));
     if (node->isLeaf()) {
         ++stats.leaves;
@@ -173,6 +203,16 @@ void collectStats(const PatternOctreeNode* node, OctreeStats& stats) {
 
 }  // namespace
 
+int64_t octreeMemoryBudget() {
+    if (const char* text = std::getenv(kOctreeMemoryVariable)) {
+        char* end = nullptr;
+        const long long mb = std::strtoll(text, &end, 10);
+        // Past 2^40 MB the byte count would overflow.
+        if (end != text && *end == '\0' && mb > 0 && mb < (1LL << 40)) return int64_t(mb) << 20;
+    }
+    return kDefaultOctreeMemoryMB << 20;
+}
+
 int defaultBuildThreadLimit() {
     return std::max(2, 2 * static_cast<int>(std::thread::hardware_concurrency()));
 }
@@ -180,13 +220,11 @@ int defaultBuildThreadLimit() {
 PatternOctreeNode::PatternOctreeNode(const Box3& box_, std::vector<const PatternFace*> faces_,
                                      int octant_, int depth_, OctreeBuild& build)
     : box(box_), centre((box_.pmin + box_.pmax) / 2.0f), depth(depth_), octant(octant_) {
-    if (build.nodes.fetch_add(1, std::memory_order_relaxed) >= build.nodeLimit) {
-        throw OctreeTooLarge("the pattern's faces pile up so that its octree would pass " +
-                             std::to_string(build.nodeLimit) + " nodes");
-    }
     const int count = static_cast<int>(faces_.size());
     // More than ten faces per level of depth, and never below depth 16.
-    if (!(depth * 10 < count && depth < kMaxDepth)) {
+    const bool leaf = !(depth * 10 < count && depth < kMaxDepth);
+    chargeBudget(build, leaf ? count : 0);
+    if (leaf) {
         faces = std::move(faces_);
         faceCount = count;
         packBlocks();

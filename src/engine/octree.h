@@ -36,26 +36,31 @@ struct LeafFaceBlock {
     Int4 faceIndex;
 };
 
+// The bytes a tile's octree may take unless the caller says otherwise:
+// MOSAIQ_OCTREE_MEMORY_MB (mebibytes) when set to a positive number, else
+// kDefaultOctreeMemoryMB. Real patterns need a few hundred megabytes at most;
+// the budget stops faces piled up in one place from splitting the tree down
+// to its depth limit, which would take all the memory there is.
+inline constexpr int64_t kDefaultOctreeMemoryMB = 4096;
+inline constexpr const char* kOctreeMemoryVariable = "MOSAIQ_OCTREE_MEMORY_MB";
+int64_t octreeMemoryBudget();
+
 // What every node of one tree build shares.
 struct OctreeBuild {
-    // The most nodes any tree may have. Faces piled up over the whole tile
-    // would otherwise split down to the depth limit: up to 8^16 nodes.
-    static constexpr int64_t kMaxNodes = int64_t(1) << 23;
-    // The limit for a tile of faceCount faces: real patterns stay well below
-    // one node per face, so a pile-up fails in a fraction of a second.
-    static int64_t nodeLimitFor(int64_t faceCount) {
-        return std::clamp<int64_t>(64 * faceCount, int64_t(1) << 16, kMaxNodes);
-    }
-
     // Worker threads running; a new one is started only while below threadLimit
     // (0: build on the calling thread only). The tree is the same whatever the limit.
     std::atomic<int> runningThreads{0};
     int threadLimit = 0;
+    // What the nodes built so far take; the build fails once it passes the
+    // budget, which happens for a given tree whatever the thread count.
     std::atomic<int64_t> nodes{0};
-    int64_t nodeLimit = kMaxNodes;
+    std::atomic<int64_t> bytes{0};
+    int64_t memoryBudget = kDefaultOctreeMemoryMB << 20;
+    int32_t faceCount = 0;  // of the whole tile, for the report
 };
 
-// The build passed its node limit.
+// The build passed its memory budget; what() gives the numbers and the way
+// to raise the budget.
 class OctreeTooLarge : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -124,6 +129,7 @@ struct OctreeStats {
     int nodes = 0;
     int leaves = 0;
     int largestLeaf = 0;
+    int64_t bytes = 0;  // counted as the build's memory budget counts them
 };
 OctreeStats octreeStats(const PatternOctreeNode* root);
 

@@ -4,79 +4,19 @@
 #include "engine/tile.h"
 
 #include "engine/octree.h"
-#include "host/interface.h"
-#include "host/node.h"
-#include "host/object.h"
-#include "host/paramblock.h"
-#include "plugin/params.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <exception>
 #include <string>
 
 namespace mq {
 
 namespace {
 
-// Channels copied from the pattern's mesh: topology, geometry, all maps,
-// material ids, selections, display data and the specified normals.
-constexpr uint32_t kCaptureChannels = 0x23FF;
-
 // Stand-ins for references a broken mesh cannot supply.
 const Point3 kCollapsedCorner{0.0f, 0.0f, 0.0f};
 const Point3 kFallbackNormal{0.0f, 0.0f, 1.0f};
 const Point3 kZeroUVW{0.0f, 0.0f, 0.0f};
-
-// The mesh of the "Pattern" node and its object transform at t.
-bool sceneMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, Matrix3& nodeTM) {
-    Node* node = pblock.GetINode(mosaiq::kPattern, 0);
-    if (!node) return false;
-    const ObjectState state = node->EvalWorldState(t, true);
-    if (!state.obj) return false;
-    nodeTM = node->GetObjectTM(t);
-    if (!copyTriangleMesh(state.obj, t, mesh, kCaptureChannels)) return false;
-    return mesh.getNumFaces() > 0;
-}
-
-// Merges "Pattern_File", takes the mesh of the first top-level node that
-// converts, and deletes every merged node again. A file mesh may have no faces.
-bool fileMesh(ParamBlock& pblock, Mesh& mesh) {
-    HostInterface* ip = GetCOREInterface();
-    if (!ip) return false;
-    const std::string path = ip->ResolveAssetPath(pblock.GetStr(mosaiq::kPatternFile, 0));
-    if (!ip->DoesFileExist(path)) return false;
-    Node* root = ip->GetRootNode();
-    if (!root) return false;
-    const int rootChildCount = root->NumberOfChildren();
-    if (!ip->MergeFromFile(path, true, false, false, MERGE_DUPS_RENAME, nullptr,
-                           MERGE_DUP_MTL_RENAME, MERGE_REPARENT_ALWAYS))
-        return false;
-
-    // Child rootChildCount is always the first merged node left; a deleted
-    // node's children move up under the root and are visited in turn.
-    bool taken = false;
-    std::exception_ptr error;
-    while (root->NumberOfChildren() > rootChildCount) {
-        Node* child = root->GetChildNode(rootChildCount);
-        if (!taken && !error) {
-            try {
-                const ObjectState state = child->EvalWorldState(0, true);
-                taken = copyTriangleMesh(state.obj, 0, mesh, kCaptureChannels);
-            } catch (...) {
-                error = std::current_exception();  // still clean up the merge
-            }
-        }
-        ip->DeleteNode(child, false);
-        // A host that refused the deletion would keep us here for ever.
-        if (root->NumberOfChildren() > rootChildCount &&
-            root->GetChildNode(rootChildCount) == child)
-            break;
-    }
-    if (error) std::rethrow_exception(error);
-    return taken;
-}
 
 }  // namespace
 
@@ -144,49 +84,38 @@ void PatternTile::release() {
     built = false;
 }
 
-bool PatternTile::capture(ParamBlock* pblock, TimeValue t) {
+bool PatternTile::capture(PatternMesh& pattern, const CropBox& crop, std::string& why) {
     if (built) return true;
-    failure.clear();
-    if (!pblock) return false;
+    Matrix3 toTile;
+    if (pattern.fromScene) {
+        // The stored crop box is relative to the pattern node's position.
+        Matrix3 box = crop.transform;
+        box.SetTrans(box.GetTrans() + pattern.nodeTM.GetTrans());
+        toTile = pattern.nodeTM * Inverse(box);
+    } else {
+        // A file pattern stays in its own object space: its node transform
+        // is ignored on purpose.
+        toTile = Inverse(crop.transform);
+    }
     try {
-        Mesh mesh;
-        Matrix3 nodeTM;
-        const bool fromScene = pblock->GetInt(mosaiq::kPatternSource, 0) == mosaiq::kSourceScene;
-        if (fromScene ? !sceneMesh(*pblock, t, mesh, nodeTM) : !fileMesh(*pblock, mesh))
-            return false;
-
-        const Point3 size(pblock->GetFloat(mosaiq::kCropSize, 0, 0),
-                          pblock->GetFloat(mosaiq::kCropSize, 0, 1),
-                          pblock->GetFloat(mosaiq::kCropSize, 0, 2));
-        const int segU = pblock->GetInt(mosaiq::kRandomSegmentCount, 0, 0);
-        const int segV = pblock->GetInt(mosaiq::kRandomSegmentCount, 0, 1);
-        Matrix3 crop = pblock->GetMatrix3(mosaiq::kCropTransform, 0);
-
-        Matrix3 toTile;
-        if (fromScene) {
-            // The stored crop box is relative to the pattern node's position.
-            crop.SetTrans(crop.GetTrans() + nodeTM.GetTrans());
-            toTile = nodeTM * Inverse(crop);
-        } else {
-            // A file pattern stays in its own object space: its node
-            // transform is ignored on purpose.
-            toTile = Inverse(crop);
-        }
-        build(mesh, toTile, size, segU, segV);
-        built = true;
-        return true;
+        build(pattern.mesh, toTile, crop.size, crop.segmentCountU, crop.segmentCountV);
     } catch (const OctreeTooLarge& e) {
-        release();
-        failure = e.what();
-        return false;
-    } catch (...) {
-        release();
+        why = e.what();
         return false;
     }
+    built = true;
+    return true;
+}
+
+bool capturePattern(PatternTile& tile, const PatternSource& source, const CropBox& crop,
+                    TimeValue t, std::string& why) {
+    if (tile.built) return true;
+    PatternMesh pattern;
+    return takePatternMesh(source, t, pattern, why) && tile.capture(pattern, crop, why);
 }
 
 void PatternTile::build(Mesh& mesh, const Matrix3& toTileIn, const Point3& cropSize_, int segU,
-                        int segV, int threadLimit) {
+                        int segV, const OctreeLimits& limits) {
     release();
     cropSize = cropSize_;
     segmentCountU = segU;
@@ -247,8 +176,10 @@ void PatternTile::build(Mesh& mesh, const Matrix3& toTileIn, const Point3& cropS
     std::vector<const PatternFace*> all(faceCount);
     for (int f = 0; f < faceCount; ++f) all[f] = &faces[f];
     OctreeBuild octreeBuild;
-    octreeBuild.threadLimit = threadLimit < 0 ? defaultBuildThreadLimit() : threadLimit;
-    octreeBuild.nodeLimit = OctreeBuild::nodeLimitFor(faceCount);
+    octreeBuild.threadLimit =
+        limits.threadLimit < 0 ? defaultBuildThreadLimit() : limits.threadLimit;
+    octreeBuild.memoryBudget = limits.memoryBudget < 0 ? octreeMemoryBudget() : limits.memoryBudget;
+    octreeBuild.faceCount = faceCount;
     try {
         tree = std::make_unique<PatternOctreeNode>(Box3(boundsMin, boundsMax), std::move(all), 0, 0,
                                                    octreeBuild);

@@ -2,6 +2,7 @@
 // (0, 0, 0) to the crop size, with per-face intersection data and an octree.
 #pragma once
 
+#include "engine/pattern_source.h"
 #include "host/math.h"
 #include "host/mesh.h"
 
@@ -13,8 +14,16 @@
 
 namespace mq {
 
-class ParamBlock;
 class PatternOctreeNode;
+
+// What a tile's octree build may take of the machine.
+struct OctreeLimits {
+    // Worker threads: < 0 takes twice the processor count, 0 builds on the
+    // calling thread only. The tree is the same whatever the limit.
+    int threadLimit = -1;
+    // Bytes the tree may take: < 0 takes octreeMemoryBudget().
+    int64_t memoryBudget = -1;
+};
 
 // One pattern triangle with what the ray test needs precomputed.
 struct PatternFace {
@@ -43,20 +52,17 @@ public:
     PatternTile(const PatternTile&) = delete;
     PatternTile& operator=(const PatternTile&) = delete;
 
-    // Capture the pattern of a Mosaiq parameter block at time t, from the
-    // scene node or from the pattern file. True at once when already built.
-    // False on failure, leaving the tile unbuilt; failure then says why when
-    // the pattern was read but its tree could not be built. The file path needs a
-    // current HostInterface; the merged nodes are gone again on return.
-    // Main thread only; never throws.
-    bool capture(ParamBlock* pblock, TimeValue t);
+    // Carry pattern into tile space through crop and build the tile. True at
+    // once when already built (nothing is read then). False, with why, when
+    // the octree would pass its memory budget; the tile is left unbuilt.
+    // Main thread only; throws only std::bad_alloc.
+    bool capture(PatternMesh& pattern, const CropBox& crop, std::string& why);
     // Free everything and clear built; the tile can then be captured again.
     void release();
     // The common second half of both capture paths. toTile carries the
     // mesh's object space into crop space centred on the origin. Replaces
     // whatever the tile held; does not set built (capture does). The mesh
-    // gets its normals specified and checked. threadLimit < 0 takes
-    // defaultBuildThreadLimit(); 0 builds the octree on this thread only.
+    // gets its normals specified and checked.
     // Faces with a vertex index out of range keep their slot (faceCount is
     // the mesh's face count) but have all three corners on vertex 0 (on a
     // fixed origin point when there are no vertices), so they are degenerate
@@ -64,10 +70,9 @@ public:
     // normal and a zero UVW. Throws std::bad_alloc or OctreeTooLarge,
     // leaving the tile released.
     void build(Mesh& mesh, const Matrix3& toTile, const Point3& cropSize, int segU, int segV,
-               int threadLimit = -1);
+               const OctreeLimits& limits = {});
 
     bool built = false;
-    std::string failure;  // why the last capture failed, when the cause is the tile's own
     int32_t segmentCountU = 1;
     int32_t segmentCountV = 1;
     std::vector<Point3> vertices;
@@ -82,5 +87,12 @@ public:
     Point3 segmentSize;
     std::unique_ptr<PatternOctreeNode> tree;
 };
+
+// Take the mesh of source at t and capture it into tile; true at once when
+// tile is built. False, with why naming the node or file, when there is no
+// pattern to take or it cannot be captured. A file pattern merges into the
+// current host interface's scene for the moment it takes. Main thread only.
+bool capturePattern(PatternTile& tile, const PatternSource& source, const CropBox& crop,
+                    TimeValue t, std::string& why);
 
 }  // namespace mq

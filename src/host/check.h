@@ -67,8 +67,9 @@ void reportError(const std::string& message) noexcept;
 #endif
 
 #define MQ_BOUNDARY_BEGIN try {
-#define MQ_BOUNDARY_END(report)                 \
-    }                                           \
-    catch (...) {                               \
-        (report)(::mq::currentExceptionText()); \
+// Variadic, so a lambda with commas in its body can be the report.
+#define MQ_BOUNDARY_END(...)                         \
+    }                                                \
+    catch (...) {                                    \
+        (__VA_ARGS__)(::mq::currentExceptionText()); \
     }

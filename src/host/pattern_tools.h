@@ -31,6 +31,11 @@ struct TileStats {
     int octreeNodes = 0;
     int octreeLeaves = 0;
     int largestLeaf = 0;  // faces in the fullest leaf
+    // What the octree takes, and the most it may take (raised by the
+    // environment variable named in octreeBudgetVariable).
+    int64_t octreeBytes = 0;
+    int64_t octreeBudget = 0;
+    std::string octreeBudgetVariable;
     // The point-cloud summary the crop-box operations fit to, in the
     // pattern's object space; the box is meaningful only when valid.
     bool pointCloudValid = false;

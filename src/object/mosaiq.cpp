@@ -1,15 +1,13 @@
 #include "object/mosaiq.h"
 
+#include "host/check.h"
 #include "host/node.h"
 #include "object/cropmodes.h"
+#include "object/panels.h"
+#include "object/params.h"
 #include "object/pattern_store.h"
-#include "plugin/about.h"
-#include "plugin/classdesc.h"
-#include "plugin/entry.h"
-#include "plugin/params.h"
-#include "plugin/postload.h"
-#include "plugin/resource.h"
-#include "plugin/stringtable.h"
+#include "object/postload.h"
+#include "object/resource.h"
 #include "render/instance.h"
 
 #include <new>
@@ -22,12 +20,17 @@ namespace {
 
 // The interface of the object being edited.
 HostInterface* gEditIp = nullptr;
+MosaiqPanels* gPanels = nullptr;
 
 }  // namespace
 
+void installMosaiqPanels(MosaiqPanels* panels) { gPanels = panels; }
+
+MosaiqPanels* mosaiqPanels() { return gPanels; }
+
 Mosaiq::Mosaiq() : patternStore_(std::make_unique<PatternPointCloud>()) {
     gEditIp = nullptr;
-    GetMosaiqDesc().MakeAutoParamBlocks(this);
+    mosaiqClassDesc().MakeAutoParamBlocks(this);
     aboutPage_ = 0;
     if (pblock_) {
         pblock_->SetValue(kCropTransform, 0, Matrix3());
@@ -36,11 +39,15 @@ Mosaiq::Mosaiq() : patternStore_(std::make_unique<PatternPointCloud>()) {
     }
     // No current interface counts as running without one.
     const HostInterface* core = GetCOREInterface();
-    if (core && !core->RunningWithoutUI()) InitParamBlockUI(&patternPBDesc());
+    if (core && !core->RunningWithoutUI()) bindPatternControls(&patternPBDesc());
 }
 
 Mosaiq::~Mosaiq() {
-    ClearParamBlockUI(&patternPBDesc());
+    MQ_BOUNDARY_BEGIN
+    // As ClearParamBlockUI does: the shared descriptor keeps its controls for
+    // the objects still alive.
+    bindPatternControls(&patternPBDesc());
+    MQ_BOUNDARY_END(reportError)
     DeleteAllRefs();
 }
 
@@ -75,51 +82,50 @@ void Mosaiq::adoptPatternStore(std::unique_ptr<PatternPointCloud> cloud) {
 }
 
 bool Mosaiq::loadPatternFile() {
-    ++loadPatternFileCalls_;
-    try {
-        if (!pblock_) {
-            lastPatternError_ = "Pattern file: the object has no parameter block";
-            return false;
-        }
-        const std::string path = pblock_->GetStr(kPatternFile, 0);
-        auto cloud = std::make_unique<PatternPointCloud>();
-        std::string error;
-        if (!loadPatternStore(*cloud, path, &error)) {
-            lastPatternError_ = error;
-            return false;
-        }
-        lastPatternError_.clear();
-        sampledNodeHandle_ = 0;
-        adoptPatternStore(std::move(cloud));
-        return true;
-    } catch (...) {
-        // Called from the UI and the post-load callback: nothing leaves it.
-        lastPatternError_ = "Pattern file: out of memory";
+    MQ_BOUNDARY_BEGIN
+    if (!pblock_) {
+        lastPatternError_ = "Pattern file: the object has no parameter block";
         return false;
     }
+    auto cloud = std::make_unique<PatternPointCloud>();
+    const StoreLoad result =
+        loadPatternStore(*cloud, pblock_->GetStr(kPatternFile, 0), lastPatternError_);
+    if (result == StoreLoad::Failed) return false;
+    sampledNodeHandle_ = 0;
+    if (result == StoreLoad::Emptied) {
+        // The file's pattern replaces the old one even without faces: its
+        // empty store leaves no crop box to fit.
+        patternStore_ = std::move(cloud);
+        return false;
+    }
+    lastPatternError_.clear();
+    adoptPatternStore(std::move(cloud));
+    return true;
+    MQ_BOUNDARY_END(
+        [this](const std::string& what) { lastPatternError_ = "Pattern file: " + what; })
+    return false;
 }
 
 bool Mosaiq::browseAndLoadPatternFile(
     const std::function<std::optional<std::string>(const std::string& start)>& chooseFile) {
     lastPatternError_.clear();
     if (!pblock_ || !chooseFile) return false;
-    std::optional<std::string> chosen;
-    try {
-        chosen = chooseFile(pblock_->GetStr(kPatternFile, 0));
-        if (!chosen) return false;
-        pblock_->SetValue(kPatternFile, 0, *chosen);
-        patternPBDesc().InvalidateUI(kPatternFile);
-    } catch (...) {
-        lastPatternError_ = "Pattern file: the file could not be chosen";
-        return false;
-    }
+    MQ_BOUNDARY_BEGIN
+    const std::optional<std::string> chosen = chooseFile(pblock_->GetStr(kPatternFile, 0));
+    if (!chosen) return false;
+    pblock_->SetValue(kPatternFile, 0, *chosen);
+    patternPBDesc().InvalidateUI(kPatternFile);
     return loadPatternFile();
+    MQ_BOUNDARY_END([this](const std::string& what) {
+        lastPatternError_ = "Pattern file: the file could not be chosen: " + what;
+    })
+    return false;
 }
 
 Animatable* Mosaiq::SubAnim(int i) { return pblock_; }
 
 std::string Mosaiq::SubAnimName(int i) {
-    const char* name = GetString(kStrBaseParameters);
+    const char* name = mosaiqClassDesc().GetRsrcString(kStrBaseParameters);
     return name ? name : "";
 }
 
@@ -134,22 +140,24 @@ void Mosaiq::SetReference(int i, ReferenceTarget* target) {
 }
 
 ReferenceTarget* Mosaiq::Clone(RemapDir& remap) {
-    try {
-        auto* copy = new Mosaiq();
-        copy->ReplaceReference(0, remap.CloneRef(pblock_));
-        BaseClone(this, copy, remap);
-        return copy;
-    } catch (...) {
-        return nullptr;
-    }
+    MQ_BOUNDARY_BEGIN
+    auto* copy = new Mosaiq();
+    copy->ReplaceReference(0, remap.CloneRef(pblock_));
+    BaseClone(this, copy, remap);
+    return copy;
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("The Mosaiq object could not be cloned: " + what);
+    })
+    return nullptr;
 }
 
 Interval Mosaiq::ObjectValidity(TimeValue t) {
-    try {
-        refreshWorkingCopy(t);
-    } catch (...) {
-        // A host callback: nothing leaves it; the copy keeps what it had.
-    }
+    // A host callback: on failure the copy keeps what it had.
+    MQ_BOUNDARY_BEGIN
+    refreshWorkingCopy(t);
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("The Mosaiq object could not read its parameters: " + what);
+    })
     return Interval(t, t);
 }
 
@@ -205,21 +213,49 @@ void Mosaiq::ReleaseInterface(uint32_t id, void* i) {
     GeomObject::ReleaseInterface(id, i);
 }
 
+MosaiqSettings Mosaiq::renderSettings() const {
+    MosaiqSettings s;
+    if (!pblock_) return s;
+    ParamBlock& pb = *pblock_;
+    s.pattern.fromFile = pb.GetInt(kPatternSource, 0) != kSourceScene;
+    const Node* pattern = pb.GetINode(kPattern, 0);
+    s.pattern.node = pattern ? pattern->GetHandle() : 0;
+    s.pattern.file = pb.GetStr(kPatternFile, 0);
+    s.crop.transform = pb.GetMatrix3(kCropTransform, 0);
+    s.crop.size = Point3(pb.GetFloat(kCropSize, 0, 0), pb.GetFloat(kCropSize, 0, 1),
+                         pb.GetFloat(kCropSize, 0, 2));
+    s.crop.segmentCountU = pb.GetInt(kRandomSegmentCount, 0, 0);
+    s.crop.segmentCountV = pb.GetInt(kRandomSegmentCount, 0, 1);
+    const Node* surface = pb.GetINode(kSurface, 0);
+    s.surface.surface = surface ? surface->GetHandle() : 0;
+    s.surface.poliIdFrom = pb.GetInt(kPoliId, 0, 0);
+    s.surface.poliIdTo = pb.GetInt(kPoliId, 0, 1);
+    s.surface.height = pb.GetFloat(kHeight, 0);
+    s.surface.shift = pb.GetFloat(kShift, 0);
+    s.surface.mapChannel = pb.GetInt(kMapChannel, 0);
+    s.surface.realWorldScale = pb.GetInt(kRealWorldScale, 0) != 0;
+    s.surface.tilingU = pb.GetFloat(kTiling, 0, 0);
+    s.surface.tilingV = pb.GetFloat(kTiling, 0, 1);
+    s.useSurfaceMapping = pb.GetInt(kUseSurfaceMapping, 0) != 0;
+    return s;
+}
+
 tracer::RenderInstance* Mosaiq::newRenderInstance(Node* node, tracer::RenderCore& core,
                                                   int renderId) {
-    try {
-        if (!renderReady_) {
-            const std::string name = node ? "\"" + node->GetName() + "\"" : "a Mosaiq node";
-            const std::string why = lastPatternError().empty()
-                                        ? "no pattern has been loaded or picked"
-                                        : lastPatternError();
-            core.warning(name + " renders nothing: " + why);
-            return nullptr;
-        }
-        return new (std::nothrow) MosaiqInstance(this, node, &core, renderId);
-    } catch (...) {
+    MQ_BOUNDARY_BEGIN
+    if (!renderReady_) {
+        const std::string name = node ? "\"" + node->GetName() + "\"" : "a Mosaiq node";
+        const std::string why = lastPatternError().empty() ? "no pattern has been loaded or picked"
+                                                           : lastPatternError();
+        core.warning(name + " renders nothing: " + why);
         return nullptr;
     }
+    return new (std::nothrow) MosaiqInstance(renderSettings(), this, node, &core, renderId);
+    MQ_BOUNDARY_END([&](const std::string& what) {
+        core.warning((node ? "\"" + node->GetName() + "\"" : std::string("a Mosaiq node")) +
+                     " renders nothing: " + what);
+    })
+    return nullptr;
 }
 
 void Mosaiq::deleteRenderInstance(tracer::RenderInstance* instance) {
@@ -231,58 +267,50 @@ IOResult Mosaiq::Save(ISave* isave) { return IO_OK; }
 
 IOResult Mosaiq::Load(ILoad* iload) {
     if (!iload) return IO_OK;
-    try {
-        iload->RegisterPostLoadCallback(new MQPostLoadCallback(this));
-    } catch (...) {
-        // Out of memory: the file pattern is not reloaded.
-    }
+    MQ_BOUNDARY_BEGIN
+    iload->RegisterPostLoadCallback(new MQPostLoadCallback(this));
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("The Mosaiq object's pattern file will not be reloaded: " + what);
+    })
     return IO_OK;
 }
 
 void Mosaiq::BeginEditParams(HostInterface* ip, uint32_t flags, Animatable* prev) {
     if (!ip) return;
-    try {
-        gEditIp = ip;
-        GetMosaiqDesc().BeginEditParams(ip, this, flags, prev);
-        // The rollouts' dialog procedures (surface, base, preview) go here.
+    // A host callback: what was opened is closed by EndEditParams.
+    MQ_BOUNDARY_BEGIN
+    gEditIp = ip;
+    mosaiqClassDesc().BeginEditParams(ip, this, flags, prev);
+    if (MosaiqPanels* panels = mosaiqPanels()) panels->open(*this, *ip);
 
-        aboutPage_ = ip->AddRollupPage(kDlgAbout, "About", aboutDlgProc(), APPENDROLL_CLOSED,
-                                       kAboutRollupCategory);
-        ip->SetDlgItemText(aboutPage_, kCtlAboutText, aboutText());
-        ip->RegisterDlgWnd(aboutPage_);
-
-        std::array<std::unique_ptr<CommandMode>, 5> modes = {
-            std::make_unique<MoveModBoxCMode>(this, ip),
-            std::make_unique<RotateModBoxCMode>(this, ip),
-            std::make_unique<UScaleModBoxCMode>(this, ip),
-            std::make_unique<NUScaleModBoxCMode>(this, ip),
-            std::make_unique<SquashModBoxCMode>(this, ip),
-        };
-        cropModes_ = std::move(modes);
-        for (const auto& mode : cropModes_) ip->AddCommandMode(mode.get());
-    } catch (...) {
-        // A host callback: nothing leaves it; what was opened is closed by EndEditParams.
-    }
+    std::array<std::unique_ptr<CommandMode>, 5> modes = {
+        std::make_unique<MoveModBoxCMode>(this, ip),
+        std::make_unique<RotateModBoxCMode>(this, ip),
+        std::make_unique<UScaleModBoxCMode>(this, ip),
+        std::make_unique<NUScaleModBoxCMode>(this, ip),
+        std::make_unique<SquashModBoxCMode>(this, ip),
+    };
+    cropModes_ = std::move(modes);
+    for (const auto& mode : cropModes_) ip->AddCommandMode(mode.get());
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("The Mosaiq panels could not be opened: " + what);
+    })
 }
 
 void Mosaiq::EndEditParams(HostInterface* ip, uint32_t flags, Animatable* next) {
     if (!ip) return;
-    try {
-        GetMosaiqDesc().EndEditParams(ip, this, flags, next);
-        if (aboutPage_) {
-            ip->UnRegisterDlgWnd(aboutPage_);
-            ip->DeleteRollupPage(aboutPage_);
-            aboutPage_ = 0;
-        }
-        for (auto& mode : cropModes_) {
-            if (!mode) continue;
-            ip->DeleteMode(mode.get());
-            mode.reset();
-        }
-        gEditIp = nullptr;
-    } catch (...) {
-        // A host callback: nothing leaves it.
+    MQ_BOUNDARY_BEGIN
+    mosaiqClassDesc().EndEditParams(ip, this, flags, next);
+    if (MosaiqPanels* panels = mosaiqPanels()) panels->close(*this, *ip);
+    for (auto& mode : cropModes_) {
+        if (!mode) continue;
+        ip->DeleteMode(mode.get());
+        mode.reset();
     }
+    gEditIp = nullptr;
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("The Mosaiq panels could not be closed: " + what);
+    })
 }
 
 ParamBlock* Mosaiq::GetParamBlockByID(BlockID id) {

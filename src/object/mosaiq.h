@@ -13,6 +13,7 @@
 #include "host/object.h"
 #include "host/paramblock.h"
 #include "host/pattern_tools.h"
+#include "render/settings.h"
 #include "tracer/protocol.h"
 
 #include <array>
@@ -23,6 +24,9 @@
 #include <string>
 
 namespace mosaiq {
+
+// Names the class in every saved scene: never change it.
+inline constexpr mq::ClassId kMosaiqClassId{0x4E307640, 0x2A77304F};
 
 class Mosaiq : public mq::GeomObject, public mq::tracer::RenderObject {
 public:
@@ -50,8 +54,10 @@ public:
     // instances only then. Never cleared: a failed load keeps the store, and
     // with it the flag, as they were.
     bool renderReady() const { return renderReady_; }
-    // The About page while the object is being edited, 0 otherwise.
+    // The About page while the object is being edited, 0 otherwise; kept
+    // by the panels that open it.
     int aboutPage() const { return aboutPage_; }
+    void setAboutPage(int page) { aboutPage_ = page; }
     // The interface of the object being edited, null otherwise.
     static mq::HostInterface* editInterface();
 
@@ -81,8 +87,9 @@ public:
     bool fitCropBox();
 
     // Read "Pattern_File" (time 0) into the pattern store through the
-    // current host interface. False when nothing was loaded: the store keeps
-    // what it had and lastPatternError() says why. Main thread only.
+    // current host interface. False, with lastPatternError() saying why,
+    // when nothing was loaded: the store keeps what it had, except that a
+    // file whose mesh has no faces empties it. Main thread only.
     bool loadPatternFile();
     // Let chooseFile pick a pattern file, starting from "Pattern_File"; when
     // it returns a path, write it to "Pattern_File", refresh that
@@ -93,8 +100,9 @@ public:
     // Why the last pattern-file load failed, naming the file; empty after a
     // successful load.
     const std::string& lastPatternError() const { return lastPatternError_; }
-    // How often loadPatternFile ran.
-    int loadPatternFileCalls() const { return loadPatternFileCalls_; }
+
+    // What a render reads of the object, from the parameter block at time 0.
+    mq::MosaiqSettings renderSettings() const;
 
     // The crop-box operations and tile statistics for hosts that see the
     // object only through GetInterface(mq::kPatternToolsInterfaceId)
@@ -179,7 +187,6 @@ private:
 
     bool renderReady_ = false;
     std::string lastPatternError_;
-    int loadPatternFileCalls_ = 0;
     std::unique_ptr<mq::IPatternTools> patternTools_;
     // Move, rotate, uniform scale, non-uniform scale, squash; while editing.
     std::array<std::unique_ptr<mq::CommandMode>, 5> cropModes_;

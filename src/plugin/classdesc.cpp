@@ -1,20 +1,29 @@
 #include "plugin/classdesc.h"
 
-#include "object/mosaiq.h"
+#include "host/check.h"
+#include "object/params.h"
+#include "object/resource.h"
 #include "plugin/module.h"
-#include "plugin/params.h"
-#include "plugin/resource.h"
 #include "plugin/stringtable.h"
+#include "ui/panels.h"
 
 namespace mosaiq {
 
+MosaiqClassDesc::MosaiqClassDesc() {
+    mq::ParamBlockDesc& pbd = patternPBDesc();
+    pbd.cd = this;
+    AddParamBlockDesc(&pbd);
+    installMosaiqPanels(&editPanels());
+}
+
 void* MosaiqClassDesc::Create(bool loading) {
-    try {
-        // Hand over the Object base: with more bases later its address may differ.
-        return static_cast<mq::Object*>(new Mosaiq());
-    } catch (...) {
-        return nullptr;
-    }
+    MQ_BOUNDARY_BEGIN
+    // Hand over the Object base: with more bases later its address may differ.
+    return static_cast<mq::Object*>(new Mosaiq());
+    MQ_BOUNDARY_END([](const std::string& what) {
+        mq::reportError("A Mosaiq object could not be created: " + what);
+    })
+    return nullptr;
 }
 
 const char* MosaiqClassDesc::Category() { return GetString(kStrCategory); }
@@ -28,8 +37,6 @@ void MosaiqClassDesc::SetUserDlgProc(mq::ParamMap2UserDlgProc* proc) {
 }
 
 MosaiqClassDesc& GetMosaiqDesc() {
-    // Built on first use, which is the parameter-block descriptor's registration
-    // among the library's statics; destroyed after it.
     static MosaiqClassDesc desc;
     return desc;
 }

@@ -2,14 +2,16 @@
 #pragma once
 
 #include "host/classdesc.h"
+#include "object/mosaiq.h"
 
 namespace mosaiq {
 
-// Names the class in every saved scene: never change it.
-inline constexpr mq::ClassId kMosaiqClassId{0x4E307640, 0x2A77304F};
-
 class MosaiqClassDesc : public mq::ClassDesc {
 public:
+    // Adopts the Mosaiq parameter block's descriptor and installs the
+    // editing panels: from here on objects can be made and edited.
+    MosaiqClassDesc();
+
     int IsPublic() override { return 1; }
     // A new Mosaiq as an mq::Object* (the host casts the result to that);
     // null when allocation fails.
@@ -47,7 +49,8 @@ public:
     void SetUserDlgProc(mq::ParamMap2UserDlgProc* proc = nullptr);
 };
 
-// The library's one descriptor, alive as long as the library is loaded.
+// The library's one descriptor, alive as long as the library is loaded;
+// built on first use.
 MosaiqClassDesc& GetMosaiqDesc();
 
 }  // namespace mosaiq

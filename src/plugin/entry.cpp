@@ -1,8 +1,9 @@
 #include "plugin/entry.h"
 
+#include "host/check.h"
+#include "object/params.h"
+#include "object/resource.h"
 #include "plugin/classdesc.h"
-#include "plugin/params.h"
-#include "plugin/resource.h"
 #include "plugin/stringtable.h"
 
 namespace {
@@ -25,11 +26,11 @@ unsigned long LibVersion() { return kLibVersion; }
 int LibInitialize() { return 1; }
 
 void InitParamBlockUI(mq::ParamBlockDesc* pbd) {
-    try {
-        mosaiq::bindPatternControls(pbd);
-    } catch (...) {
-        // Out of memory: the rollouts stay unbound.
-    }
+    MQ_BOUNDARY_BEGIN
+    mosaiq::bindPatternControls(pbd);
+    MQ_BOUNDARY_END([](const std::string& what) {
+        mq::reportError("The Mosaiq rollouts stay unbound: " + what);
+    })
 }
 
 void ClearParamBlockUI(mq::ParamBlockDesc* pbd) {

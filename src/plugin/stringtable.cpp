@@ -1,7 +1,7 @@
 #include "plugin/stringtable.h"
 
+#include "object/resource.h"
 #include "plugin/module.h"
-#include "plugin/resource.h"
 
 #include <cstring>
 #include <string_view>

@@ -1,9 +1,6 @@
 #include "render/instance.h"
 
-#include "host/paramblock.h"
-#include "object/mosaiq.h"
-#include "object/pattern_store.h"
-#include "plugin/params.h"
+#include "host/check.h"
 
 #include <algorithm>
 #include <cstring>
@@ -88,9 +85,10 @@ const TileHit* HitRecordStore::lookup(int32_t thread, int32_t level, uint32_t ta
 
 // ---- MosaiqInstance ----
 
-MosaiqInstance::MosaiqInstance(Mosaiq* owner, Node* node, RenderCore* core, int renderId)
-    : owner_(owner) {
-    init(owner ? static_cast<tracer::RenderObject*>(owner) : nullptr, node, core, renderId);
+MosaiqInstance::MosaiqInstance(const MosaiqSettings& settings, tracer::RenderObject* object,
+                               Node* node, RenderCore* core, int renderId)
+    : settings_(settings) {
+    init(object, node, core, renderId);
 }
 
 MosaiqInstance::~MosaiqInstance() {
@@ -110,92 +108,89 @@ void MosaiqInstance::freeStores() noexcept {
 }
 
 void MosaiqInstance::renderBegin(TimeValue t, RenderCore& core) {
-    try {
-        RenderInstance::renderBegin(t, core);
-        for (HitRecordStore& store : hitStores_) store.create(core.threadCount());
-        // Parameters are read at time 0: none animates. A failed capture
-        // leaves the tile empty, which keeps the instance out of the render.
-        captureProblem_.clear();
-        ParamBlock* pblock = owner_ ? owner_->GetParamBlock(0) : nullptr;
-        if (!pblock) {
-            captureProblem_ = "the object has no parameter block";
-        } else if (!tile_.capture(pblock, 0)) {
-            captureProblem_ = tile_.failure.empty() ? captureProblem(*pblock, 0) : tile_.failure;
-        } else if (tile_.faceCount == 0) {
-            captureProblem_ = "the pattern has no faces";
-        }
-    } catch (...) {
-        // Nothing leaves the instance; an empty tile renders nothing.
-        captureProblem_ = "the pattern could not be captured";
-    }
+    captureProblem_.clear();
+    MQ_BOUNDARY_BEGIN
+    RenderInstance::renderBegin(t, core);
+    for (HitRecordStore& store : hitStores_) store.create(core.threadCount());
+    // Settings are read at time 0: none animates. A failed capture leaves
+    // the tile empty, which keeps the instance out of the render.
+    if (!capturePattern(tile_, settings_.pattern, settings_.crop, 0, captureProblem_)) return;
+    if (tile_.faceCount == 0)
+        captureProblem_ =
+            "Pattern file \"" + settings_.pattern.file + "\" holds a mesh without faces";
+    MQ_BOUNDARY_END([this](const std::string& what) {
+        captureProblem_ = "the pattern could not be captured: " + what;
+    })
 }
 
 void MosaiqInstance::frameBegin(TimeValue t, RenderCore& core) {
     frameValid_ = false;
     primitiveCount_ = 0;
     box_ = StaticBox();
-    try {
-        RenderInstance::frameBegin(t, core);
-        // Pieces are built directly in world space.
-        objToWorld_.IdentityMatrix();
-        worldToObj_.IdentityMatrix();
+    MQ_BOUNDARY_BEGIN
+    RenderInstance::frameBegin(t, core);
+    // Pieces are built directly in world space.
+    objToWorld_.IdentityMatrix();
+    worldToObj_.IdentityMatrix();
 
-        ParamBlock* pblock = owner_ ? owner_->GetParamBlock(0) : nullptr;
-        if (!pblock || !tile_.built || tile_.faceCount == 0) {
-            reportEmpty(t, core, captureProblem_);
-            return;
-        }
-        SurfaceMapping mapping;
-        const bool mapped = mapping.build(*pblock, tile_, t, primitives_);
-        if (!mapping.problem.empty()) reportEmpty(t, core, mapping.problem);
-        if (!mapped) return;
-        primitiveCount_ = mapping.primitiveCount;
-        tilingU_ = mapping.tilingU;
-        tilingV_ = mapping.tilingV;
-        pieceRefs_.assign(size_t(primitiveCount_), PieceRef{});
+    if (!tile_.built || tile_.faceCount == 0) {
+        reportEmpty(t, core, captureProblem_);
+        return;
+    }
+    SurfaceMapping mapping;
+    const bool mapped = mapping.build(settings_.surface, tile_, t, primitives_);
+    if (!mapping.problem.empty()) reportEmpty(t, core, mapping.problem);
+    if (!mapped) return;
+    primitiveCount_ = mapping.primitiveCount;
+    tilingU_ = mapping.tilingU;
+    tilingV_ = mapping.tilingV;
+    pieceRefs_.assign(size_t(primitiveCount_), PieceRef{});
 
-        // Read at time 0, not t: the render keeps them fixed, as the editor does.
-        mapChannel_ = pblock->GetInt(kMapChannel, 0);
-        useSurfaceMapping_ = pblock->GetInt(kUseSurfaceMapping, 0);
+    // Taken with the other settings at time 0, not at t: the render keeps
+    // them fixed, as the editor does.
+    mapChannel_ = settings_.surface.mapChannel;
+    useSurfaceMapping_ = settings_.useSurfaceMapping ? 1 : 0;
 
-        for (HitRecordStore& store : hitStores_) {
-            if (!store.hasLists() || store.threadCount() != core.threadCount())
-                store.create(core.threadCount());
-            store.clearTags();
-        }
-        for (int32_t i = 0; i < primitiveCount_; ++i) {
-            MosaiqPrimitive& piece = primitives_[size_t(i)];
-            piece.tile = &tile_;
-            pieceRefs_[size_t(i)] = {&piece, &hitStores_[0]};
-            const Box3 b = piece.boundingBox();
-            if (b.pmin.x <= b.pmax.x) box_ += StaticBox{b.pmin, b.pmax};
-        }
-        frameValid_ = true;
-    } catch (...) {
+    for (HitRecordStore& store : hitStores_) {
+        if (!store.hasLists() || store.threadCount() != core.threadCount())
+            store.create(core.threadCount());
+        store.clearTags();
+    }
+    for (int32_t i = 0; i < primitiveCount_; ++i) {
+        MosaiqPrimitive& piece = primitives_[size_t(i)];
+        piece.tile = &tile_;
+        pieceRefs_[size_t(i)] = {&piece, &hitStores_[0]};
+        const Box3 b = piece.boundingBox();
+        if (b.pmin.x <= b.pmax.x) box_ += StaticBox{b.pmin, b.pmax};
+    }
+    frameValid_ = true;
+    MQ_BOUNDARY_END([&](const std::string& what) {
         // Out of memory while mapping: this frame renders nothing.
         freePrimitives();
         box_ = StaticBox();
-    }
+        reportEmpty(t, core, what);
+    })
 }
 
 void MosaiqInstance::reportEmpty(TimeValue t, RenderCore& core, const std::string& why) {
-    try {
-        const std::string name = node() ? "\"" + node()->GetName() + "\"" : "a Mosaiq node";
-        core.warning(name + ": frame " + std::to_string(t / kTicksPerFrame) +
-                     " renders nothing: " + (why.empty() ? "the pattern is not captured" : why));
-    } catch (...) {
+    MQ_BOUNDARY_BEGIN
+    const std::string name = node() ? "\"" + node()->GetName() + "\"" : "a Mosaiq node";
+    core.warning(name + ": frame " + std::to_string(t / kTicksPerFrame) +
+                 " renders nothing: " + (why.empty() ? "the pattern is not captured" : why));
+    MQ_BOUNDARY_END([](const std::string&) {
         // A warning that cannot be built is dropped.
-    }
+    })
 }
 
 void MosaiqInstance::compileGeometry(RenderCore& core) {
     if (!frameValid_ || !tile_.built || tile_.faceCount <= 0) return;
-    try {
-        tracer::RayServer& server = core.rayServer();
-        server.storeDynamicPrimitive(this, this, server.newRenderId());
-    } catch (...) {
+    MQ_BOUNDARY_BEGIN
+    tracer::RayServer& server = core.rayServer();
+    server.storeDynamicPrimitive(this, this, server.newRenderId());
+    MQ_BOUNDARY_END([&](const std::string& what) {
         // Not registered: the instance is invisible this frame.
-    }
+        reportEmpty(core.currentTime(), core, what);
+    })
 }
 
 void MosaiqInstance::frameEnd(RenderCore& core) {

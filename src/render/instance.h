@@ -8,6 +8,7 @@
 #include "engine/ray.h"
 #include "engine/tile.h"
 #include "host/math.h"
+#include "render/settings.h"
 #include "render/surface_mapping.h"
 #include "tracer/primitive.h"
 #include "tracer/protocol.h"
@@ -20,8 +21,6 @@
 #include <vector>
 
 namespace mosaiq {
-
-class Mosaiq;
 
 // Per render thread, the hit records of the rays in flight: one list per
 // thread (by RayContext::threadIndex), one entry per ray level, each tagged
@@ -73,8 +72,8 @@ private:
 };
 
 // The render instance of one Mosaiq node. Created and deleted by the
-// Mosaiq object (its render-object side); every call comes from the tracer
-// and none throws.
+// Mosaiq object (its render-object side) with a copy of its settings; every
+// call comes from the tracer and none throws.
 class MosaiqInstance final : public mq::tracer::RenderInstance,
                              public mq::tracer::DynamicPrimitive,
                              public mq::tracer::ShadeData {
@@ -83,7 +82,8 @@ public:
     // cleared and freed alongside it, kept for the layout the design fixes.
     static constexpr int kStoreCount = 64;
 
-    MosaiqInstance(Mosaiq* owner, mq::Node* node, mq::tracer::RenderCore* core, int renderId);
+    MosaiqInstance(const mq::MosaiqSettings& settings, mq::tracer::RenderObject* object,
+                   mq::Node* node, mq::tracer::RenderCore* core, int renderId);
     ~MosaiqInstance() override;
 
     // RenderInstance
@@ -131,7 +131,7 @@ private:
 
     std::vector<mq::MosaiqPrimitive> primitives_;
     std::vector<PieceRef> pieceRefs_;
-    Mosaiq* owner_ = nullptr;
+    mq::MosaiqSettings settings_;
     mq::PatternTile tile_;
     std::string captureProblem_;  // why renderBegin's capture failed; empty when it worked
     std::array<HitRecordStore, kStoreCount> hitStores_;

@@ -2,8 +2,6 @@
 
 #include "host/node.h"
 #include "host/object.h"
-#include "host/paramblock.h"
-#include "plugin/params.h"
 #include "render/surface_analysis.h"
 
 #include <algorithm>
@@ -46,30 +44,13 @@ struct Prism {
 
 }  // namespace
 
-SurfaceMappingSettings readSurfaceMappingSettings(ParamBlock& pblock) {
-    using namespace mosaiq;
-    SurfaceMappingSettings s;
-    s.poliIdFrom = pblock.GetInt(kPoliId, 0, 0);
-    s.poliIdTo = pblock.GetInt(kPoliId, 0, 1);
-    s.height = pblock.GetFloat(kHeight, 0);
-    s.mapChannel = pblock.GetInt(kMapChannel, 0);
-    s.realWorldScale = pblock.GetInt(kRealWorldScale, 0) != 0;
-    s.tilingU = pblock.GetFloat(kTiling, 0, 0);
-    s.tilingV = pblock.GetFloat(kTiling, 0, 1);
-    s.randomSegmentCountU = pblock.GetInt(kRandomSegmentCount, 0, 0);
-    s.randomSegmentCountV = pblock.GetInt(kRandomSegmentCount, 0, 1);
-    s.uvRandomSeed = pblock.GetInt(kUvRandomSeed, 0);
-    s.shift = pblock.GetFloat(kShift, 0);
-    return s;
-}
-
-bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, std::string* why) {
+bool surfaceWorldMesh(Node::Handle surface, TimeValue t, Mesh& mesh, std::string* why) {
     auto fail = [why](std::string text) {
         if (why) *why = std::move(text);
         return false;
     };
-    // The one parameter read at the frame time.
-    Node* node = pblock.GetINode(mosaiq::kSurface, t);
+    // The one setting evaluated at the frame time.
+    Node* node = surface ? Node::fromHandle(surface) : nullptr;
     if (!node) return fail("no \"Surface\" node is set");
     const std::string what = "\"Surface\" node \"" + node->GetName() + "\"";
     const ObjectState state = node->EvalWorldState(t, true);
@@ -94,14 +75,14 @@ bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, std::string* 
     return true;
 }
 
-bool SurfaceMapping::build(ParamBlock& pblock, const PatternTile& tile, TimeValue t,
-                           std::vector<MosaiqPrimitive>& primitives) {
+bool SurfaceMapping::build(const SurfaceMappingSettings& settings, const PatternTile& tile,
+                           TimeValue t, std::vector<MosaiqPrimitive>& primitives) {
     primitiveCount = 0;
     stats = {};
     problem.clear();
     Mesh mesh;
-    if (!surfaceWorldMesh(pblock, t, mesh, &problem)) return false;
-    return buildFromMesh(mesh, tile, readSurfaceMappingSettings(pblock), primitives);
+    if (!surfaceWorldMesh(settings.surface, t, mesh, &problem)) return false;
+    return buildFromMesh(mesh, tile, settings, primitives);
 }
 
 bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,

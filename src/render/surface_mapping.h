@@ -7,6 +7,7 @@
 #include "engine/tile.h"
 #include "host/math.h"
 #include "host/mesh.h"
+#include "host/node.h"
 
 #include <cstdint>
 #include <string>
@@ -14,23 +15,18 @@
 
 namespace mq {
 
-class ParamBlock;
-
 // The Mosaiq parameters the mapping reads, all at time 0 (none animates).
 struct SurfaceMappingSettings {
+    // The surface node, evaluated at the frame's time; 0, or a node that is
+    // gone, is none.
+    Node::Handle surface = 0;
     int32_t poliIdFrom = 1, poliIdTo = 1;  // as the user sees them: 1-based, inclusive
     float height = 100.0f;                 // percent of twice the tile's z size
     float shift = 0.0f;                    // world units, against the normals
     int32_t mapChannel = 1;
     bool realWorldScale = false;
     float tilingU = 1.0f, tilingV = 1.0f;  // as stored, before any reciprocal
-    // Read with the others and not used by the mapping.
-    int32_t randomSegmentCountU = 1, randomSegmentCountV = 1;
-    int32_t uvRandomSeed = 42;
 };
-
-// Reads the settings from a Mosaiq parameter block at time 0.
-SurfaceMappingSettings readSurfaceMappingSettings(ParamBlock& pblock);
 
 // The mesh of the "Surface" node at t, in world space. False when there is no
 // node, it evaluates to no object, the object can't become a triangle mesh,
@@ -41,7 +37,7 @@ SurfaceMappingSettings readSurfaceMappingSettings(ParamBlock& pblock);
 // corner 0 (which gives the face's island) stays. Explicit normals are
 // carried to world space by the inverse transpose; computed ones are left to
 // be recomputed from the world mesh.
-bool surfaceWorldMesh(ParamBlock& pblock, TimeValue t, Mesh& mesh, std::string* why = nullptr);
+bool surfaceWorldMesh(Node::Handle surface, TimeValue t, Mesh& mesh, std::string* why = nullptr);
 
 // What one frame's mapping made, for inspection.
 struct SurfaceMappingStats {
@@ -59,13 +55,13 @@ struct SurfaceMappingStats {
 // input (returns false), only on a failed allocation.
 class SurfaceMapping {
 public:
-    // The whole frame: settings from pblock at time 0, the surface mesh at t.
+    // The whole frame: the surface mesh at t.
     // primitives is resized once to three per face in range (its capacity is
     // kept across frames) and filled in place; the first primitiveCount are
     // the usable pieces, each referring to tile, which must outlive them.
     // False when the surface or its analysis fails (primitiveCount is 0
     // then); a range without faces is true with primitiveCount 0.
-    bool build(ParamBlock& pblock, const PatternTile& tile, TimeValue t,
+    bool build(const SurfaceMappingSettings& settings, const PatternTile& tile, TimeValue t,
                std::vector<MosaiqPrimitive>& primitives);
     // The same from a world-space mesh, which gets its normals specified and
     // checked.

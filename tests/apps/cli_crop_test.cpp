@@ -120,6 +120,26 @@ TEST_F(CropCli, PatternProblemsExitWithThreeNamingTheCauseAndWriteNothing) {
     }
 }
 
+TEST_F(CropCli, APatternFileWithoutFacesIsAnEmptyTileThatRendersNothingWithAWarning) {
+    const fs::path points =
+        dir_.write("points.mosaiq",
+                   R"({"format": "mosaiq-scene", "version": 1, "nodes": [{"name": "Points",
+            "object": {"class": {"superClass": 16, "id": [9, 0]},
+                       "mesh": {"inline": {"verts": [[0, 0, 0], [1, 0, 0]], "faces": []}}}}]})");
+    set({"Pattern_Source=1", "Pattern_File=" + points.string()});
+    const std::string warning = "\"" + points.string() + "\" holds a mesh without faces";
+    const Result tile = mosaiq({"inspect", scene_, "--tile", "Mosaiq001", "--json"});
+    ASSERT_EQ(tile.code, 0) << tile.err;
+    EXPECT_EQ(json::parse(tile.out)["faces"], 0);
+    EXPECT_NE(tile.err.find(warning), std::string::npos) << tile.err;
+    const Result render = mosaiq({"render", scene_, "-o", (dir_ / "r.png").string(), "--resolution",
+                                  "16x12", "--spp", "1", "--quiet"});
+    EXPECT_EQ(render.code, 0) << render.err;
+    EXPECT_NE(render.err.find(warning), std::string::npos) << render.err;
+    // Nothing to fit a crop box to.
+    EXPECT_EQ(mosaiq({"crop", "reset", scene_, "Mosaiq001"}).code, 3);
+}
+
 TEST_F(CropCli, BadNodesAndArgumentsExitWithTwoAndUnwritableOutputWithFour) {
     const std::string before = readText(scene_);
     const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {

@@ -75,7 +75,7 @@ void forEachNode(const PatternOctreeNode* node, F&& f) {
 void buildCentred(PatternTile& tile, Mesh mesh, int threadLimit = -1) {
     const Box3 b = mesh.getBoundingBox();
     tile.build(mesh, TransMatrix(-b.Center()), b.Width() * 1.25f + Point3(0.5f, 0.5f, 0.5f), 1, 1,
-               threadLimit);
+               {.threadLimit = threadLimit});
 }
 
 TEST(OctreeBuild, SubdividesAboveTenFacesPerLevelAndNeverBelowDepth16) {

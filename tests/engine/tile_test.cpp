@@ -1,13 +1,11 @@
-// Pattern capture: face precomputation, the tile build, and capture from the
-// scene and from files through a Mosaiq parameter block.
+// Pattern capture: face precomputation, the tile build, the octree's memory
+// budget, and capture from scene nodes and files.
 #include "engine/tile.h"
 #include "engine/octree.h"
-#include "host/classdesc.h"
 #include "host/interface.h"
 #include "host/node.h"
 #include "host/object.h"
-#include "plugin/params.h"
-#include "support/mosaiq_test.h"
+#include "host/scenefile.h"
 #include "support/test_util.h"
 
 #include <limits>
@@ -17,7 +15,6 @@
 namespace mq {
 namespace {
 
-using mosaiq::test::newMosaiq;
 using test::expectNear;
 namespace fs = std::filesystem;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -182,26 +179,38 @@ TEST(TileBuild, BrokenMeshesBuildAndWalkWithoutCrashing) {
     }
 }
 
-TEST(TileBuild, FacesPiledOverTheWholeTileFailCleanlyInsteadOfExploding) {
-    // 100 copies of a face across the tile: every child the plane passes
-    // through overlaps them all, so the tree would split down to depth 10,
-    // a million nodes for 100 faces.
-    Mesh m;
-    m.verts = {{-1, -1, 1}, {9, -1, 1}, {-1, 9, 1}};
-    m.faces.assign(100, Face{{0, 1, 2}, 1, 0});
-    HostInterface host;
-    auto node = std::make_unique<Node>("Pile");
-    node->SetObjectRef(new TriObject(m));
-    Node* pile = host.GetRootNode()->attachChild(std::move(node));
-    mosaiq::test::MosaiqPtr obj = newMosaiq();
-    ParamBlock* pb = obj->GetParamBlock(0);
-    pb->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceScene);
-    pb->SetValue(mosaiq::kPattern, 0, pile);
+TEST(TileBuild, TheOctreeTakesWhatFitsItsMemoryBudgetAndReportsWhatDoesNot) {
+    // 71 identical faces stacked across the tile split the tree down to
+    // depth 8 and 70,065 nodes: more than a node count limit of the old kind
+    // allowed, yet a valid pattern that fits in memory.
+    Mesh stack;
+    stack.verts = {{0, 0, 0}, {10, 0, 10}, {0, 10, 10}};
+    stack.faces.assign(71, Face{{0, 1, 2}, 1, 0});
     PatternTile tile;
-    EXPECT_FALSE(tile.capture(pb, 0));
-    EXPECT_NE(tile.failure.find("octree"), std::string::npos) << tile.failure;
-    EXPECT_TRUE(!tile.tree && tile.faceCount == 0) << "a failed build leaves the tile released";
+    tile.build(stack, Matrix3(), Point3(10, 10, 10), 1, 1);
+    const OctreeStats stats = octreeStats(tile.tree.get());
+    EXPECT_EQ(stats.depth, 8);
+    EXPECT_EQ(stats.nodes, 70065);
+
+    // Past the budget the build fails with the numbers and leaves the tile released.
+    try {
+        tile.build(stack, Matrix3(), Point3(10, 10, 10), 1, 1, {.memoryBudget = stats.bytes - 1});
+        ADD_FAILURE() << "the build passed a budget one byte short of its tree";
+    } catch (const OctreeTooLarge& e) {
+        const std::string what = e.what();
+        EXPECT_NE(what.find("71 faces"), std::string::npos) << what;
+        EXPECT_NE(what.find(kOctreeMemoryVariable), std::string::npos) << what;
+    }
+    EXPECT_TRUE(!tile.tree && tile.faceCount == 0);
 }
+
+// An object nothing converts to triangles.
+class Opaque : public GeomObject {
+public:
+    ClassId ClassID() const override { return {0x0BAD, 0}; }
+    std::string GetClassName() const override { return "Opaque"; }
+    ReferenceTarget* Clone(RemapDir&) override { return new Opaque; }
+};
 
 class TileCapture : public ::testing::Test {
 protected:
@@ -211,38 +220,29 @@ protected:
         node->setLocalTM(tm);
         return host_.GetRootNode()->attachChild(std::move(node));
     }
-    void setCrop(Point3 size, const Matrix3& crop, int segU = 1, int segV = 1) {
-        for (int i = 0; i < 3; ++i) pb_->SetValue(mosaiq::kCropSize, 0, size[i], i);
-        pb_->SetValue(mosaiq::kCropTransform, 0, crop);
-        pb_->SetValue(mosaiq::kRandomSegmentCount, 0, segU, 0);
-        pb_->SetValue(mosaiq::kRandomSegmentCount, 0, segV, 1);
+    bool capture(PatternTile& tile, const PatternSource& source, const CropBox& crop = {}) {
+        why_.clear();
+        return capturePattern(tile, source, crop, 0, why_);
     }
-    void pick(Node* node, Point3 size, const Matrix3& crop, int segU = 1, int segV = 1) {
-        pb_->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceScene);
-        pb_->SetValue(mosaiq::kPattern, 0, node);  // resets the crop box, so set it after
-        setCrop(size, crop, segU, segV);
-    }
-    void useFile(const fs::path& file) {
-        pb_->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
-        pb_->SetValue(mosaiq::kPatternFile, 0, file.string());
+    static PatternSource scene(const Node* node) { return {.node = node ? node->GetHandle() : 0}; }
+    static PatternSource file(const fs::path& path) {
+        return {.fromFile = true, .file = path.string()};
     }
     static void expectUnbuilt(const PatternTile& tile) {
         EXPECT_TRUE(!tile.built && !tile.tree && tile.faceCount == 0 && tile.vertices.empty());
     }
 
     HostInterface host_;
-    mosaiq::test::MosaiqPtr mosaiq_ = newMosaiq();
-    ParamBlock* pb_ = mosaiq_->GetParamBlock(0);
     test::TempDir dir_;
+    std::string why_;
 };
 
 TEST_F(TileCapture, FromASceneNodeConvertedTheCropFollowsThePositionNotTheRotation) {
     Node* node =
         addNode("Square", new TriObject(squareMesh()),
                 RotateZMatrix(std::numbers::pi_v<float> / 2) * TransMatrix(Point3(100, 50, 7)));
-    pick(node, Point3(4, 4, 2), TransMatrix(Point3(0.5f, 0, 0)), 2, 1);
     PatternTile tile;
-    ASSERT_TRUE(tile.capture(pb_, 0));
+    ASSERT_TRUE(capture(tile, scene(node), {TransMatrix(Point3(0.5f, 0, 0)), {4, 4, 2}, 2, 1}));
     EXPECT_TRUE(tile.built);
     EXPECT_EQ(tile.faceCount, 2);
     EXPECT_EQ(tile.segmentSize, Point3(2, 4, 2));
@@ -252,17 +252,19 @@ TEST_F(TileCapture, FromASceneNodeConvertedTheCropFollowsThePositionNotTheRotati
     EXPECT_EQ(tile.mapVertices[1].size(), 4u);
     EXPECT_GE(hitFace(tile, Point3(2.4f, 2.2f, 3), Point3(0, 0, -1)), 0);
     EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), 1);
+    // Built once: a second capture reads nothing.
+    EXPECT_TRUE(capture(tile, scene(nullptr)));
 }
 
 TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
     addNode("Keep", new TriObject(squareMesh()));
-    useFile(dir_.write("two.obj",
-                       // Y-up, as OBJ is: file (x, y, z) is (x, -z, y) here.
-                       "o First\nv 0 0 0\nv 1 0 0\nv 0 0 -1\nf 1 2 3\n"
-                       "o Second\nv 0 1 0\nv 1 1 0\nv 1 1 -1\nv 0 1 -1\nf 4 5 6\nf 4 6 7\n"));
-    setCrop(Point3(2, 2, 2), TransMatrix(Point3(0, 0, 0.5f)));
+    const fs::path two = dir_.write("two.obj",
+                                    // Y-up, as OBJ is: file (x, y, z) is (x, -z, y) here.
+                                    "o First\nv 0 0 0\nv 1 0 0\nv 0 0 -1\nf 1 2 3\n"
+                                    "o Second\nv 0 1 0\nv 1 1 0\nv 1 1 -1\nv 0 1 -1\nf 4 5 6\n"
+                                    "f 4 6 7\n");
     PatternTile tile;
-    ASSERT_TRUE(tile.capture(pb_, 0)) << host_.lastError();
+    ASSERT_TRUE(capture(tile, file(two), {TransMatrix(Point3(0, 0, 0.5f)), {2, 2, 2}})) << why_;
     ASSERT_EQ(tile.faceCount, 1);
     const PatternFace& f = tile.faces[0];
     EXPECT_EQ(*f.vertex[0], Point3(1, 1, 0.5f));
@@ -270,39 +272,58 @@ TEST_F(TileCapture, FromAFileTheFirstMeshInItsOwnSpaceAndNoMergedNodeStays) {
     EXPECT_EQ(*f.vertex[2], Point3(1, 2, 0.5f));
     ASSERT_EQ(host_.scene().allNodes().size(), 1u);
     EXPECT_EQ(host_.GetRootNode()->GetChildNode(0)->GetName(), "Keep");
+
+    // A file mesh without faces is captured as an empty tile, which misses everything.
+    Scene points;
+    Mesh noFaces;
+    noFaces.verts = {{0, 0, 0}, {1, 0, 0}};
+    points.root()
+        ->attachChild(std::make_unique<Node>("Points"))
+        ->SetObjectRef(new TriObject(noFaces));
+    saveScene(points, dir_ / "points.mosaiq");
+    PatternTile empty;
+    ASSERT_TRUE(capture(empty, file(dir_ / "points.mosaiq"))) << why_;
+    EXPECT_EQ(empty.faceCount, 0);
+    EXPECT_EQ(hitFace(empty, Point3(50, 50, 200), Point3(0, 0, -1)), -1);
 }
 
-TEST_F(TileCapture, FailsWithoutAUsableMeshAndChangesNothing) {
+TEST_F(TileCapture, FailsWithoutAUsableMeshNamingWhyAndChangesNothing) {
     Mesh noFaces;
     noFaces.verts = {{0, 0, 0}};
-    Node* nodes[] = {nullptr, addNode("Empty", nullptr), addNode("NoFaces", new TriObject(noFaces)),
-                     addNode("Other", newMosaiq().release())};  // not convertible
+    const std::pair<Node*, const char*> nodes[] = {
+        {nullptr, "no \"Pattern\" node is set"},
+        {addNode("Empty", nullptr), "\"Pattern\" node \"Empty\" has no mesh"},
+        {addNode("NoFaces", new TriObject(noFaces)), "\"NoFaces\" has a mesh without faces"},
+        {addNode("Other", new Opaque), "\"Other\" has no mesh"}};
     PatternTile tile;
-    for (Node* node : nodes) {
-        pick(node, Point3(1, 1, 1), Matrix3());
-        EXPECT_FALSE(tile.capture(pb_, 0)) << (node ? node->GetName() : "no node");
+    for (const auto& [node, why] : nodes) {
+        EXPECT_FALSE(capture(tile, scene(node)));
+        EXPECT_NE(why_.find(why), std::string::npos) << why_;
         expectUnbuilt(tile);
     }
-    EXPECT_FALSE(tile.capture(nullptr, 0));
     const int children = host_.GetRootNode()->NumberOfChildren();
-    for (const fs::path& file :
-         {dir_ / "missing.obj", dir_.write("garbage.glb", "\x01\x02 not a mesh"), dir_.path(),
-          fs::path()}) {
-        useFile(file);
-        EXPECT_FALSE(tile.capture(pb_, 0)) << file;
+    const std::pair<fs::path, const char*> files[] = {
+        {dir_ / "missing.obj", "does not exist"},
+        {dir_.write("garbage.glb", "\x01\x02 not a mesh"), "cannot be read"},
+        {dir_.path(), "is a folder"},
+        {fs::path(), "does not exist"}};
+    for (const auto& [path, why] : files) {
+        EXPECT_FALSE(capture(tile, file(path))) << path;
+        EXPECT_NE(why_.find(why), std::string::npos) << why_;
         expectUnbuilt(tile);
-        EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), children) << file;
+        EXPECT_EQ(host_.GetRootNode()->NumberOfChildren(), children) << path;
     }
 }
 
 TEST(TileCaptureWithoutHost, AFilePatternNeedsAnInterface) {
     ASSERT_EQ(GetCOREInterface(), nullptr);
-    mosaiq::test::MosaiqPtr obj = newMosaiq();
-    obj->GetParamBlock(0)->SetValue(mosaiq::kPatternSource, 0, mosaiq::kSourceFile);
-    obj->GetParamBlock(0)->SetValue(mosaiq::kPatternFile, 0,
-                                    "/usr/share/assimp/models/OBJ/box.obj");
     PatternTile tile;
-    EXPECT_FALSE(tile.capture(obj->GetParamBlock(0), 0) || tile.built);
+    std::string why;
+    EXPECT_FALSE(capturePattern(tile,
+                                {.fromFile = true, .file = "/usr/share/assimp/models/OBJ/box.obj"},
+                                {}, 0, why) ||
+                 tile.built);
+    EXPECT_NE(why.find("there is no host"), std::string::npos) << why;
 }
 
 }  // namespace

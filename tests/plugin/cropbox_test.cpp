@@ -2,7 +2,8 @@
 #include "host/hold.h"
 #include "host/interface.h"
 #include "host/node.h"
-#include "plugin/params.h"
+#include "host/scenefile.h"
+#include "object/params.h"
 #include "support/mosaiq_test.h"
 #include "support/test_util.h"
 
@@ -140,6 +141,28 @@ TEST_F(Pattern, BadFilesFailNamingTheFileAndKeepTheStore) {
     }
 }
 
+TEST_F(Pattern, AFileWithoutFacesEmptiesTheStoreSoNoOldBoxIsFitted) {
+    ASSERT_TRUE(load(boxFile_));
+    setSource(kSourceFile);
+    mq::Scene points;
+    mq::Mesh noFaces;
+    noFaces.verts = {{0, 0, 0}, {1, 0, 0}};
+    points.root()
+        ->attachChild(std::make_unique<mq::Node>("Points"))
+        ->SetObjectRef(new mq::TriObject(noFaces));
+    const std::string file = (dir_ / "points.mosaiq").string();
+    mq::saveScene(points, file);
+
+    setCropBox({7, 8, 9}, Matrix3());
+    EXPECT_FALSE(load(file));
+    EXPECT_NE(obj_->lastPatternError().find("holds a mesh without faces"), std::string::npos)
+        << obj_->lastPatternError();
+    EXPECT_FALSE(obj_->patternStore().valid);
+    EXPECT_FALSE(obj_->resetCropBox(true) || obj_->fitCropBox());
+    EXPECT_EQ(cropSize(), Point3(7, 8, 9));
+    expectOnlyTheHostsNode();
+}
+
 TEST_F(Pattern, SceneLoadReloadsOnlyAFilePatternOnceTheSceneIsRead) {
     for (int source : {kSourceScene, kSourceFile}) {
         SCOPED_TRACE(source);
@@ -150,10 +173,9 @@ TEST_F(Pattern, SceneLoadReloadsOnlyAFilePatternOnceTheSceneIsRead) {
         EXPECT_EQ(loaded->Save(&isave), mq::IO_OK);
         mq::ILoad iload;
         EXPECT_EQ(loaded->Load(&iload), mq::IO_OK);
-        EXPECT_EQ(loaded->loadPatternFileCalls(), 0) << "not before the scene is loaded";
+        EXPECT_FALSE(loaded->patternStore().valid) << "not before the scene is loaded";
         iload.runPostLoadCallbacks();
         iload.runPostLoadCallbacks();  // the callback freed itself: nothing runs twice
-        EXPECT_EQ(loaded->loadPatternFileCalls(), source == kSourceFile ? 1 : 0);
         EXPECT_EQ(loaded->patternStore().valid, source == kSourceFile);
         EXPECT_EQ(loaded->renderReady(), source == kSourceFile);
         expectOnlyTheHostsNode();

@@ -1,7 +1,7 @@
 // The Mosaiq object: references, life cycle, working copy and editing.
 #include "host/interface.h"
 #include "host/node.h"
-#include "plugin/params.h"
+#include "object/params.h"
 #include "support/mosaiq_test.h"
 
 #include <gtest/gtest.h>
@@ -101,6 +101,43 @@ TEST(MosaiqValidity, PatternNodeIsReadForAScenePatternAtItsWorldPosition) {
     node->detach().reset();  // a deleted node reads as none
     obj->ObjectValidity(0);
     EXPECT_EQ(obj->patternNode(), nullptr);
+}
+
+// What a render sees of the object: its settings as plain data, and no
+// instance (with the reason told) until a pattern is loaded or picked.
+TEST(MosaiqRenderObject, HandsOverItsSettingsAndRefusesInstancesWithoutAPattern) {
+    mq::Node surface("surface");
+    MosaiqPtr obj = newMosaiq();
+    ParamBlock* pb = obj->GetParamBlock(0);
+    pb->SetValue(kSurface, 0, &surface);
+    pb->SetValue(kPatternSource, 0, kSourceFile);
+    pb->SetValue(kPatternFile, 0, "weave.glb");
+    pb->SetValue(kCropSize, 0, 4.0f, 2);
+    pb->SetValue(kRandomSegmentCount, 0, 3, 1);
+    pb->SetValue(kTiling, 0, 7.0f, 0);
+    pb->SetValue(kPoliId, 0, 9, 1);
+    pb->SetValue(kUseSurfaceMapping, 0, 0);
+    const mq::MosaiqSettings s = obj->renderSettings();
+    EXPECT_TRUE(s.pattern.fromFile && s.pattern.file == "weave.glb");
+    EXPECT_EQ(s.crop.size, mq::Point3(100, 100, 4));
+    EXPECT_EQ(s.crop.segmentCountV, 3);
+    EXPECT_EQ(s.surface.surface, surface.GetHandle());
+    EXPECT_EQ(s.surface.tilingU, 7.0f);
+    EXPECT_EQ(s.surface.poliIdTo, 9);
+    EXPECT_FALSE(s.useSurfaceMapping);
+
+    struct Core final : mq::tracer::RenderCore {
+        int threadCount() const override { return 1; }
+        mq::tracer::RayServer& rayServer() override { std::abort(); }
+        mq::TimeValue currentTime() const override { return 0; }
+        void warning(const std::string& text) override { warnings.push_back(text); }
+        std::vector<std::string> warnings;
+    } core;
+    mq::Node node("Mosaiq001");
+    EXPECT_EQ(obj->newRenderInstance(&node, core, 1), nullptr);
+    ASSERT_EQ(core.warnings.size(), 1u);
+    EXPECT_EQ(core.warnings[0],
+              "\"Mosaiq001\" renders nothing: no pattern has been loaded or picked");
 }
 
 }  // namespace

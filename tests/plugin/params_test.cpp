@@ -1,6 +1,6 @@
 // The parameter block: clamping at the scripting entry, the "Pattern"
 // accessor and undo of a pick.
-#include "plugin/params.h"
+#include "object/params.h"
 
 #include "host/hold.h"
 #include "host/node.h"

@@ -4,8 +4,8 @@
 #include "host/interface.h"
 #include "host/scenefile.h"
 #include "object/mosaiq.h"
+#include "object/params.h"
 #include "plugin/classdesc.h"
-#include "plugin/params.h"
 #include "support/test_util.h"
 
 #include <cstring>

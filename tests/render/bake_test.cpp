@@ -75,7 +75,7 @@ std::unique_ptr<PatternTile> floorTile() {
     }
     const Point3 crop(kCrop, kCrop, 4);
     auto tile = std::make_unique<PatternTile>();
-    tile->build(mesh, TransMatrix(crop * -0.5f), crop, 1, 1, 0);
+    tile->build(mesh, TransMatrix(crop * -0.5f), crop, 1, 1, {.threadLimit = 0});
     return tile;
 }
 

@@ -6,8 +6,6 @@
 #include "host/mesh.h"
 #include "host/node.h"
 #include "host/object.h"
-#include "plugin/params.h"
-#include "support/mosaiq_test.h"
 #include "tracer/renderer.h"
 
 #include <gtest/gtest.h>
@@ -120,6 +118,28 @@ Node* addNode(Scene& scene, const std::string& name, Object* obj, const Matrix3&
     return scene.root()->attachChild(std::move(node));
 }
 
+// A scene object that renders as a Mosaiq object does, from settings the
+// test holds (and may change until the render begins).
+class SettingsObject final : public GeomObject, public tracer::RenderObject {
+public:
+    explicit SettingsObject(const MosaiqSettings& settings) : settings_(settings) {}
+    ClassId ClassID() const override { return {0x7E57, 1}; }
+    std::string GetClassName() const override { return "SettingsObject"; }
+    ReferenceTarget* Clone(RemapDir&) override { return new SettingsObject(settings_); }
+    void* GetInterface(uint32_t id) override {
+        return id == tracer::kRenderObjectInterfaceId ? static_cast<tracer::RenderObject*>(this)
+                                                      : nullptr;
+    }
+    tracer::RenderInstance* newRenderInstance(Node* node, tracer::RenderCore& core,
+                                              int renderId) override {
+        return new MosaiqInstance(settings_, this, node, &core, renderId);
+    }
+    void deleteRenderInstance(tracer::RenderInstance* instance) override { delete instance; }
+
+private:
+    const MosaiqSettings& settings_;
+};
+
 // A 20 x 20 plane surface at z = 0 with UV (x / 20 + 0.5, y / 20 + 0.5) on
 // channel 1 (and the same on channel 2), a pattern far out of view, and a
 // Mosaiq over the plane. The crop box is 8 x 8 x 2 centred on the pattern's
@@ -134,28 +154,23 @@ struct MosaiqScene {
         patternNode = addNode(scene, "Pattern", new TriObject(std::move(pattern)),
                               TransMatrix(Point3(100, 0, 0)));
         patternNode->SetRenderable(false);
-        test::MosaiqPtr obj = test::newMosaiq();
-        mosaiq = obj.get();
-        mosaiqNode = addNode(scene, "Mosaiq", obj.release());
-        ParamBlock& pb = *mosaiq->GetParamBlock(0);
-        pb.SetValue(kSurface, 0, surface);
-        pb.SetValue(kPattern, 0, patternNode);
-        pb.SetValue(kCropTransform, 0, TransMatrix(cropCentre));
-        pb.SetValue(kCropSize, 0, 8.0f, 0);
-        pb.SetValue(kCropSize, 0, 8.0f, 1);
-        pb.SetValue(kCropSize, 0, 2.0f, 2);
+        mosaiqNode = addNode(scene, "Mosaiq", new SettingsObject(settings));
+        settings.pattern.node = patternNode->GetHandle();
+        settings.crop.transform = TransMatrix(cropCentre);
+        settings.crop.size = Point3(8, 8, 2);
+        settings.surface.surface = surface->GetHandle();
         // Host planes number their faces' materials from 1: take both ids.
-        pb.SetValue(kPoliId, 0, 1, 0);
-        pb.SetValue(kPoliId, 0, 2, 1);
-        pb.SetValue(kHeight, 0, 50.0f);
+        settings.surface.poliIdFrom = 1;
+        settings.surface.poliIdTo = 2;
+        settings.surface.height = 50.0f;
     }
-    ParamBlock& pblock() { return *mosaiq->GetParamBlock(0); }
+    MosaiqScene(const MosaiqScene&) = delete;
 
+    MosaiqSettings settings;
     Scene scene;
     Node* surface = nullptr;
     Node* patternNode = nullptr;
     Node* mosaiqNode = nullptr;
-    Mosaiq* mosaiq = nullptr;
 };
 
 // A flat 4 x 4 pattern with UV (x / 4 + 0.5, y / 4 + 0.5): an exact oracle
@@ -188,9 +203,7 @@ Traced traceDown(const MosaiqInstance& inst, const std::vector<PrimitiveEntry>& 
 
 struct DrivenInstance {
     DrivenInstance(MosaiqScene& s, int threads = 1) : core(threads) {
-        inst.reset(
-            static_cast<MosaiqInstance*>(s.mosaiq->newRenderInstance(s.mosaiqNode, core, 1)));
-        if (!inst) return;
+        inst = std::make_unique<MosaiqInstance>(s.settings, nullptr, s.mosaiqNode, &core, 1);
         inst->renderBegin(0, core);
         inst->frameBegin(0, core);
         inst->compileGeometry(core);
@@ -211,8 +224,7 @@ struct DrivenInstance {
 // The UVW at the hit of a ray straight down at (x, y).
 Point3 uvwAt(MosaiqScene& s, float x, float y, int channel) {
     DrivenInstance d(s);
-    EXPECT_TRUE(d.inst && d.inst->frameValid());
-    if (!d.inst) return Point3(-1, -1, -1);
+    EXPECT_TRUE(d.inst->frameValid());
     RayContext rc;
     rc.raySequence = 11;
     const Traced t = traceDown(*d.inst, d.entries, rc, x, y);
@@ -242,11 +254,11 @@ TEST(MosaiqInstanceUvw, SurfaceUvOnTheMapChannelWithMappingOnElseThePatternUv) {
                                         << " asked " << c.channel << " tiling " << c.tilingU
                                         << " x " << c.tilingV << " rws " << c.realWorldScale);
         MosaiqScene s(flatPattern());
-        s.pblock().SetValue(kMapChannel, 0, c.mapChannel);
-        s.pblock().SetValue(kUseSurfaceMapping, 0, c.useSurfaceMapping);
-        s.pblock().SetValue(kTiling, 0, c.tilingU, 0);
-        s.pblock().SetValue(kTiling, 0, c.tilingV, 1);
-        s.pblock().SetValue(kRealWorldScale, 0, c.realWorldScale ? 1 : 0);
+        s.settings.surface.mapChannel = c.mapChannel;
+        s.settings.useSurfaceMapping = c.useSurfaceMapping != 0;
+        s.settings.surface.tilingU = c.tilingU;
+        s.settings.surface.tilingV = c.tilingV;
+        s.settings.surface.realWorldScale = c.realWorldScale;
         // Near the middle of the first tile cell, where the pattern lies.
         const float tu = c.realWorldScale ? 1.0f / c.tilingU : c.tilingU;
         const float tv = c.realWorldScale ? 1.0f / c.tilingV : c.tilingV;
@@ -267,7 +279,6 @@ TEST(MosaiqInstanceUvw, SurfaceUvOnTheMapChannelWithMappingOnElseThePatternUv) {
 TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRayOnly) {
     MosaiqScene s(flatPattern());
     DrivenInstance d(s, 2);
-    ASSERT_TRUE(d.inst);
     RayContext rc;
     rc.threadIndex = 1;
     rc.rayLevel = 2;
@@ -301,9 +312,8 @@ TEST(MosaiqInstanceHits, IntersectionDataIsTheRecordOfThisRayOnly) {
 
 TEST(MosaiqInstanceFrame, FailedMappingKeepsTheInstanceOutOfTheRayServer) {
     MosaiqScene s(flatPattern());
-    s.pblock().SetValue(kSurface, 0, static_cast<Node*>(nullptr));
+    s.settings.surface.surface = 0;
     DrivenInstance d(s);
-    ASSERT_TRUE(d.inst);
     EXPECT_TRUE(d.inst->tile().built);
     EXPECT_FALSE(d.inst->frameValid());
     EXPECT_TRUE(d.core.registered.empty());
@@ -372,37 +382,18 @@ TEST(MosaiqRender, BoxPatternShowsWhereTheTileHoldsIt) {
     EXPECT_EQ(one.objectId, two.objectId);
 }
 
-TEST(MosaiqRender, NothingOfThePatternShowsWithoutPiecesOrPattern) {
+TEST(MosaiqRender, APoliIdRangeWithoutFacesShowsNothingOfThePattern) {
+    MosaiqScene s(makeBoxMesh(4, 4, 1, 1, 1, 1), Point3(0, 0, 0.5f));
+    s.settings.surface.poliIdFrom = 50;
+    s.settings.surface.poliIdTo = 60;
+    cameraAbove(s.scene);
     int mosaiqPixels = 0, surfacePixels = 0;
-    auto count = [&](const tracer::Image& img) {
-        mosaiqPixels = surfacePixels = 0;
-        for (float id : img.objectId) {
-            mosaiqPixels += id == 2.0f;
-            surfacePixels += id == 1.0f;
-        }
-    };
-    {
-        // A Poli_ID range without faces.
-        MosaiqScene s(makeBoxMesh(4, 4, 1, 1, 1, 1), Point3(0, 0, 0.5f));
-        s.pblock().SetValue(kPoliId, 0, 50, 0);
-        s.pblock().SetValue(kPoliId, 0, 60, 1);
-        cameraAbove(s.scene);
-        count(tracer::renderImage(s.scene, topView(2)));
-        EXPECT_EQ(mosaiqPixels, 0);
-        EXPECT_GT(surfacePixels, 500);
+    for (float id : tracer::renderImage(s.scene, topView(2)).objectId) {
+        mosaiqPixels += id == 2.0f;
+        surfacePixels += id == 1.0f;
     }
-    {
-        // A Mosaiq with no pattern at all: no instance, no crash.
-        Scene scene;
-        addNode(scene, "Surface", new TriObject(makePlaneMesh(20, 20, 1, 1)));
-        test::MosaiqPtr obj = test::newMosaiq();
-        obj->GetParamBlock(0)->SetValue(kSurface, 0, scene.findNode("Surface"));
-        addNode(scene, "Mosaiq", obj.release());
-        cameraAbove(scene);
-        count(tracer::renderImage(scene, topView(2)));
-        EXPECT_EQ(mosaiqPixels, 0);
-        EXPECT_GT(surfacePixels, 500);
-    }
+    EXPECT_EQ(mosaiqPixels, 0);
+    EXPECT_GT(surfacePixels, 500);
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 
 #include "host/node.h"
 #include "host/object.h"
-#include "host/paramblock.h"
-#include "plugin/params.h"
 #include "support/tile_test_util.h"
 
 #include <gtest/gtest.h>
@@ -292,15 +290,15 @@ TEST(SurfaceMappingCover, CurvedNeighboursShareTheirSideTriangles) {
     EXPECT_GT(continuousSides, int(edgeFaces.size()) / 2);
 }
 
-// A Mosaiq parameter block whose "Surface" is a node holding mesh.
+// Mapping settings whose surface is a node holding mesh.
 struct SurfaceScene {
     explicit SurfaceScene(Mesh mesh, const Matrix3& tm = Matrix3()) {
         node.SetObjectRef(new TriObject(std::move(mesh)));
         node.setLocalTM(tm);
-        pblock.SetValue(mosaiq::kSurface, 0, &node);
+        settings.surface = node.GetHandle();
     }
     Node node{"Surface"};
-    ParamBlock pblock{&mosaiq::patternPBDesc(), nullptr};
+    SurfaceMappingSettings settings;
 };
 
 TEST(SurfaceMappingScene, MirroredSurfaceKeepsFacesOutward) {
@@ -312,7 +310,7 @@ TEST(SurfaceMappingScene, MirroredSurfaceKeepsFacesOutward) {
         SCOPED_TRACE(tm.Determinant() < 0 ? "mirrored" : "plain");
         SurfaceScene scene(withMaterialZero(makeSphereMesh(10, 12)), tm);
         Mesh world;
-        ASSERT_TRUE(surfaceWorldMesh(scene.pblock, 0, world));
+        ASSERT_TRUE(surfaceWorldMesh(scene.settings.surface, 0, world));
         for (const Face& face : world.faces) {
             const Point3 a = world.verts[face.v[0]];
             const Point3 n = CrossProd(world.verts[face.v[1]] - a, world.verts[face.v[2]] - a);
@@ -321,7 +319,7 @@ TEST(SurfaceMappingScene, MirroredSurfaceKeepsFacesOutward) {
 
         SurfaceMapping mapping;
         std::vector<MosaiqPrimitive> pieces;
-        ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
+        ASSERT_TRUE(mapping.build(scene.settings, *tile, 0, pieces));
         // Every piece is accepted, and prisms grow out of the sphere.
         ASSERT_EQ(mapping.primitiveCount, world.getNumFaces() * 3);
         float farthest = 0;
@@ -349,7 +347,7 @@ TEST(SurfaceMappingScene, ExplicitNormalsFollowTheTransform) {
                               RotateXMatrix(quarter) * ScaleMatrix(Point3(2, -1, 1))}) {
         SurfaceScene scene(mesh, tm);
         Mesh world;
-        ASSERT_TRUE(surfaceWorldMesh(scene.pblock, 0, world));
+        ASSERT_TRUE(surfaceWorldMesh(scene.settings.surface, 0, world));
         const MeshNormalSpec* nspec = world.GetSpecifiedNormals();
         ASSERT_NE(nspec, nullptr);
         ASSERT_TRUE(nspec->IsExplicit());
@@ -365,28 +363,27 @@ TEST(SurfaceMappingScene, ExplicitNormalsFollowTheTransform) {
     }
 }
 
-TEST(SurfaceMappingScene, ReadsTheParameterBlockAndFailsLeavingNoPieces) {
+TEST(SurfaceMappingScene, FailedMappingsLeaveNoPieces) {
     auto tile = floorTile(Point3(5, 5, 4));
     SurfaceMapping mapping;
     std::vector<MosaiqPrimitive> pieces;
     // A host plane's faces carry the user's material 1, which the default
     // Poli_ID 1..1 takes; 2..2 takes nothing.
     SurfaceScene scene(makePlaneMesh(10, 10, 2, 2));
-    ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
+    ASSERT_TRUE(mapping.build(scene.settings, *tile, 0, pieces));
     EXPECT_EQ(mapping.primitiveCount, 8 * 3);
-    scene.pblock.SetValue(mosaiq::kMapChannel, 0, 3);
-    EXPECT_FALSE(mapping.build(scene.pblock, *tile, 0, pieces));
+    scene.settings.mapChannel = 3;
+    EXPECT_FALSE(mapping.build(scene.settings, *tile, 0, pieces));
     EXPECT_EQ(mapping.primitiveCount, 0);
-    scene.pblock.SetValue(mosaiq::kMapChannel, 0, 1);
-    scene.pblock.SetValue(mosaiq::kPoliId, 0, 2, 0);
-    scene.pblock.SetValue(mosaiq::kPoliId, 0, 2, 1);
-    ASSERT_TRUE(mapping.build(scene.pblock, *tile, 0, pieces));
+    scene.settings.mapChannel = 1;
+    scene.settings.poliIdFrom = scene.settings.poliIdTo = 2;
+    ASSERT_TRUE(mapping.build(scene.settings, *tile, 0, pieces));
     EXPECT_EQ(mapping.primitiveCount, 0);
 
     SurfaceScene empty{Mesh()};
-    EXPECT_FALSE(mapping.build(empty.pblock, *tile, 0, pieces));
-    ParamBlock noSurface(&mosaiq::patternPBDesc(), nullptr);
-    EXPECT_FALSE(mapping.build(noSurface, *tile, 0, pieces));
+    EXPECT_FALSE(mapping.build(empty.settings, *tile, 0, pieces));
+    EXPECT_FALSE(mapping.build(SurfaceMappingSettings{}, *tile, 0, pieces));
+    EXPECT_EQ(mapping.problem, "no \"Surface\" node is set");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // never renumber or rename them (the misspellings included).
 #pragma once
 
+#include "host/classdesc.h"
 #include "host/paramblock.h"
 
 namespace mosaiq {
@@ -44,9 +45,12 @@ enum PatternParam : mq::ParamID {
 inline constexpr int kSourceScene = 0;
 inline constexpr int kSourceFile = 1;
 
-// The block's descriptor: a static of the library, registered with the
-// Mosaiq class descriptor while the library's statics are built.
+// The block's descriptor: a static of the library, built on first use. The
+// Mosaiq class descriptor adopts it when the class descriptor is built,
+// before any object exists.
 mq::ParamBlockDesc& patternPBDesc();
+// The class descriptor that adopted the block; asserts that one has.
+mq::ClassDesc& mosaiqClassDesc();
 
 // Attached to "Pattern": a newly picked node becomes the owning object's
 // pattern node and resets its crop box (without an undo record).

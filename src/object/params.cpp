@@ -1,9 +1,9 @@
-#include "plugin/params.h"
+#include "object/params.h"
 
+#include "host/check.h"
 #include "host/node.h"
 #include "object/mosaiq.h"
-#include "plugin/classdesc.h"
-#include "plugin/resource.h"
+#include "object/resource.h"
 
 #include <vector>
 
@@ -117,8 +117,9 @@ const std::vector<ControlBinding>& controlBindings() {
 
 class PatternParamBlockDesc : public ParamBlockDesc {
 public:
+    // The class descriptor adopts the block when it is built (see patternPBDesc).
     PatternParamBlockDesc()
-        : ParamBlockDesc(kPatternBlockId, "parameters", 0, &GetMosaiqDesc(),
+        : ParamBlockDesc(kPatternBlockId, "parameters", 0, nullptr,
                          P_AUTO_CONSTRUCT | P_AUTO_UI | P_MULTIMAP, 0) {
         addMap({.id = kBaseMap, .dialogResource = kDlgBase, .titleStringId = kStrBaseParameters});
         addMap({.id = kSurfaceMap, .dialogResource = kDlgSurface, .titleStringId = kStrSurface});
@@ -128,25 +129,32 @@ public:
 };
 static_assert((P_AUTO_CONSTRUCT | P_AUTO_UI | P_MULTIMAP) == 0x26);
 
-// Defined after the table it copies, so it is built after it.
-PatternParamBlockDesc gPatternPBDesc;
-
 }  // namespace
 
-ParamBlockDesc& patternPBDesc() { return gPatternPBDesc; }
+ParamBlockDesc& patternPBDesc() {
+    // Built on first use, after the table it copies.
+    static PatternParamBlockDesc desc;
+    return desc;
+}
+
+mq::ClassDesc& mosaiqClassDesc() {
+    ClassDesc* cd = patternPBDesc().cd;
+    MQ_ASSERT(cd, "the Mosaiq class descriptor has not adopted its parameter block");
+    return *cd;
+}
 
 void PatternPBAccessor::Set(ParamValue& v, ReferenceMaker* owner, ParamID id, int tabIndex,
                             TimeValue t) {
     if (id != kPattern) return;
-    try {
-        auto* obj = dynamic_cast<Mosaiq*>(owner);
-        if (!obj) return;
-        const NodeRef* ref = std::get_if<NodeRef>(&v);
-        obj->setPatternNode(ref && ref->handle ? Node::fromHandle(ref->handle) : nullptr);
-        obj->resetCropBox(false);
-    } catch (...) {
-        // A host callback: nothing leaves it.
-    }
+    MQ_BOUNDARY_BEGIN
+    auto* obj = dynamic_cast<Mosaiq*>(owner);
+    if (!obj) return;
+    const NodeRef* ref = std::get_if<NodeRef>(&v);
+    obj->setPatternNode(ref && ref->handle ? Node::fromHandle(ref->handle) : nullptr);
+    obj->resetCropBox(false);
+    MQ_BOUNDARY_END([](const std::string& what) {
+        reportError("\"Pattern\" could not reset the crop box: " + what);
+    })
 }
 
 void bindPatternControls(ParamBlockDesc* pbd) {

@@ -1,4 +1,4 @@
-#include "plugin/about.h"
+#include "ui/about.h"
 
 #include <cstdio>
 

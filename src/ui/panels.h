@@ -1,0 +1,12 @@
+// The panels of a Mosaiq object being edited, as the user-interface layer
+// provides them to the object.
+#pragma once
+
+#include "object/panels.h"
+
+namespace mosaiq {
+
+// A static of the library; the plug-in installs it with installMosaiqPanels.
+MosaiqPanels& editPanels();
+
+}  // namespace mosaiq
