@@ -3,11 +3,11 @@
 
 #include "host/node.h"
 #include "host/object.h"
+#include "tracer/embree_scene.h"
 #include "tracer/protocol.h"
 #include "tracer/sampling.h"
 #include "tracer/shading.h"
 
-#include <embree3/rtcore.h>
 #include <tbb/blocked_range2d.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
@@ -85,94 +85,6 @@ public:
 };
 const NoShadeData kNoShadeData;
 
-// A host mesh placed in the world, kept for normals and UVW lookups.
-class MeshGeom final : public ShadeData {
-public:
-    MeshGeom(Mesh m, const Matrix3& objectToWorld) : mesh_(std::move(m)) {
-        world_.resize(mesh_.verts.size());
-        for (size_t i = 0; i < world_.size(); ++i) world_[i] = mesh_.verts[i] * objectToWorld;
-        // Normals go through the inverse transpose; a mirroring transform flips winding.
-        Matrix3 normalTM = Transpose3(Inverse(objectToWorld));
-        normalTM.NoTrans();
-        flip_ = objectToWorld.Determinant() < 0.0f;
-        mesh_.SpecifyNormals();
-        MeshNormalSpec* nspec = mesh_.GetSpecifiedNormals();
-        nspec->SetParent(&mesh_);
-        nspec->CheckNormals();
-        normals_.resize(nspec->GetNumNormals());
-        for (int i = 0; i < nspec->GetNumNormals(); ++i) {
-            normals_[i] = Normalize(VectorTransform(normalTM, nspec->Normal(i)));
-        }
-    }
-
-    const std::vector<Point3>& worldVerts() const { return world_; }
-    const Mesh& mesh() const { return mesh_; }
-
-    void fill(int face, float u, float v, IntersectionData& isect) const {
-        const Face& f = mesh_.faces[face];
-        const Point3& p0 = world_[f.v[0]];
-        const Point3 e1 = world_[f.v[1]] - p0, e2 = world_[f.v[2]] - p0;
-        Point3 ng = Normalize(CrossProd(e1, e2));
-        if (flip_) ng = -ng;
-        isect.geometricNormal = ng;
-        const MeshNormalSpec* nspec = mesh_.GetSpecifiedNormals();
-        Point3 ns = ng;
-        if (nspec && face < nspec->GetNumFaces()) {
-            const Point3 n = normals_[nspec->GetNormalIndex(face, 0)] * (1.0f - u - v) +
-                             normals_[nspec->GetNormalIndex(face, 1)] * u +
-                             normals_[nspec->GetNormalIndex(face, 2)] * v;
-            if (LengthSquared(n) > 0.0f) ns = Normalize(n);
-        }
-        isect.shadingNormal = ns;
-        isect.bary = {u, v, 0.0f};
-        isect.faceIndex = face;
-        isect.faceBase[0] = p0;
-        isect.faceBase[1] = e1;
-        isect.faceBase[2] = e2;
-        isect.shadeData = this;
-    }
-
-    Point3 uvw(const RayContext& rc, int channel) const override {
-        if (!rc.hit || channel < 0 || channel >= MAX_MESHMAPS || !mesh_.mapSupport(channel)) {
-            return {};
-        }
-        const int face = rc.hit->faceIndex;
-        const MeshMap& map = mesh_.Map(channel);
-        if (face < 0 || size_t(face) >= map.faces.size()) return {};
-        const TVFace& tv = map.faces[face];
-        const float u = rc.hit->bary.x, v = rc.hit->bary.y;
-        return map.verts[tv.t[0]] * (1.0f - u - v) + map.verts[tv.t[1]] * u +
-               map.verts[tv.t[2]] * v;
-    }
-
-private:
-    Mesh mesh_;
-    std::vector<Point3> world_;
-    std::vector<Point3> normals_;
-    bool flip_ = false;
-};
-
-// A registered dynamic primitive and its per-thread expansions.
-struct DynamicGeom {
-    DynamicPrimitive* prim = nullptr;
-    RenderInstance* owner = nullptr;
-    int renderId = -1;
-    std::vector<std::vector<PrimitiveEntry>> perThread;
-};
-
-struct GeomRecord {
-    const MeshGeom* mesh = nullptr;
-    DynamicGeom* dynamic = nullptr;
-    int objectId = 0;  // 1-based
-    int material = 0;
-};
-
-// The per-ray data Embree hands back to the user geometry callbacks.
-struct TraceContext {
-    RTCIntersectContext base;
-    RayContext* rc;
-};
-
 class VectorSink final : public PrimitiveSink {
 public:
     explicit VectorSink(std::vector<PrimitiveEntry>& out) : out_(out) {}
@@ -181,65 +93,6 @@ public:
 private:
     std::vector<PrimitiveEntry>& out_;
 };
-
-void userBounds(const RTCBoundsFunctionArguments* args) {
-    const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
-    const StaticBox& b = dyn->perThread[0][args->primID].bounds;
-    args->bounds_o->lower_x = b.pmin.x;
-    args->bounds_o->lower_y = b.pmin.y;
-    args->bounds_o->lower_z = b.pmin.z;
-    args->bounds_o->upper_x = b.pmax.x;
-    args->bounds_o->upper_y = b.pmax.y;
-    args->bounds_o->upper_z = b.pmax.z;
-}
-
-void userIntersect(const RTCIntersectFunctionNArguments* args) {
-    const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
-    RayContext& rc = *reinterpret_cast<TraceContext*>(args->context)->rc;
-    const PrimitiveEntry& e = dyn->perThread[rc.threadIndex][args->primID];
-    RTCRayN* ray = RTCRayHitN_RayN(args->rayhit, args->N);
-    RTCHitN* hit = RTCRayHitN_HitN(args->rayhit, args->N);
-    for (unsigned i = 0; i < args->N; ++i) {
-        if (args->valid[i] == 0) continue;
-        const float tnear = RTCRayN_tnear(ray, args->N, i);
-        float& tfar = RTCRayN_tfar(ray, args->N, i);
-        rc.tMin = tnear;
-        rc.bestDistance = tfar;
-        if (!e.intersect(e.data, rc)) continue;
-        const float t = float(rc.bestDistance);
-        // Only a nearer hit inside the ray's range replaces the current one.
-        if (!(t < tfar && t >= tnear)) continue;
-        tfar = t;
-        RTCHitN_Ng_x(hit, args->N, i) = -RTCRayN_dir_x(ray, args->N, i);
-        RTCHitN_Ng_y(hit, args->N, i) = -RTCRayN_dir_y(ray, args->N, i);
-        RTCHitN_Ng_z(hit, args->N, i) = -RTCRayN_dir_z(ray, args->N, i);
-        RTCHitN_u(hit, args->N, i) = 0.0f;
-        RTCHitN_v(hit, args->N, i) = 0.0f;
-        RTCHitN_primID(hit, args->N, i) = args->primID;
-        RTCHitN_geomID(hit, args->N, i) = args->geomID;
-        RTCHitN_instID(hit, args->N, i, 0) = args->context->instID[0];
-    }
-}
-
-void userOccluded(const RTCOccludedFunctionNArguments* args) {
-    const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
-    RayContext& rc = *reinterpret_cast<TraceContext*>(args->context)->rc;
-    const PrimitiveEntry& e = dyn->perThread[rc.threadIndex][args->primID];
-    for (unsigned i = 0; i < args->N; ++i) {
-        if (args->valid[i] == 0) continue;
-        float& tfar = RTCRayN_tfar(args->ray, args->N, i);
-        rc.tMin = RTCRayN_tnear(args->ray, args->N, i);
-        rc.bestDistance = tfar;
-        const bool blocked = e.occluded ? e.occluded(e.data, rc) : e.intersect(e.data, rc);
-        if (blocked) tfar = -kInf;
-    }
-}
-
-void embreeError(void* userPtr, RTCError code, const char* str) {
-    auto* last = static_cast<std::string*>(userPtr);
-    if (last->empty())
-        *last = "Embree error " + std::to_string(int(code)) + ": " + (str ? str : "");
-}
 
 // Per render thread, on its own cache line.
 struct alignas(64) ThreadState {
@@ -259,8 +112,7 @@ struct Renderer::Impl : RenderCore, RayServer {
     WarningFn warn;
     ProgressFn progress;
 
-    RTCDevice device = nullptr;
-    std::string embreeErrorText;
+    std::optional<EmbreeDevice> device;
 
     struct ObjectEntry {
         RenderObject* object;
@@ -291,10 +143,8 @@ struct Renderer::Impl : RenderCore, RayServer {
     TimeValue time = 0;
 
     // Frame state.
-    std::vector<std::unique_ptr<MeshGeom>> meshes;
     std::vector<std::unique_ptr<DynamicGeom>> dynamics;
-    std::vector<GeomRecord> records;  // by Embree geometry id
-    RTCScene rtc = nullptr;
+    std::optional<FrameScene> frameScene;  // after dynamics: it points into them
     Camera camera;
     std::vector<ThreadState> threadStates;
 
@@ -355,9 +205,7 @@ void Renderer::Impl::begin() {
     threads = settings.threads > 0 ? settings.threads
                                    : int(std::max(1u, std::thread::hardware_concurrency()));
     threadStates.assign(threads, ThreadState{});
-    device = rtcNewDevice(nullptr);
-    if (!device) throw RenderError("cannot create the Embree device");
-    rtcSetDeviceErrorFunction(device, embreeError, &embreeErrorText);
+    device.emplace();
     begun = true;  // from here on end() undoes what begin() did
 
     // Scene data and the images it names, before any render object is
@@ -426,15 +274,12 @@ void Renderer::Impl::end() {
     materialIndex.clear();
     lights.clear();
     assets.reset();
-    if (device) rtcReleaseDevice(device);
-    device = nullptr;
+    device.reset();
     begun = false;
 }
 
 void Renderer::Impl::buildScene() {
-    rtc = rtcNewScene(device);
-    rtcSetSceneBuildQuality(rtc, RTC_BUILD_QUALITY_HIGH);
-    records.clear();
+    frameScene.emplace(*device);
 
     // Plain nodes: one triangle geometry each, in world space.
     for (const MeshNode& mn : meshNodes) {
@@ -444,32 +289,8 @@ void Renderer::Impl::buildScene() {
             warning("node " + mn.node->GetName() + " left out: " + problems.front());
             continue;
         }
-        auto geom = std::make_unique<MeshGeom>(std::move(*mesh), mn.node->GetObjectTM(time));
-        const auto& verts = geom->worldVerts();
-        const auto& faces = geom->mesh().faces;
-        RTCGeometry g = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-        auto* vb = static_cast<float*>(rtcSetNewGeometryBuffer(
-            g, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 3 * sizeof(float), verts.size()));
-        auto* ib = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
-            g, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 3 * sizeof(unsigned), faces.size()));
-        if (!vb || !ib) {
-            rtcReleaseGeometry(g);
-            throw RenderError("Embree geometry for " + mn.node->GetName() + ": " + embreeErrorText);
-        }
-        for (size_t i = 0; i < verts.size(); ++i) {
-            vb[3 * i] = verts[i].x;
-            vb[3 * i + 1] = verts[i].y;
-            vb[3 * i + 2] = verts[i].z;
-        }
-        for (size_t i = 0; i < faces.size(); ++i) {
-            for (int k = 0; k < 3; ++k) ib[3 * i + k] = faces[i].v[k];
-        }
-        rtcCommitGeometry(g);
-        const unsigned id = rtcAttachGeometry(rtc, g);
-        rtcReleaseGeometry(g);
-        if (records.size() <= id) records.resize(id + 1);
-        records[id] = {geom.get(), nullptr, mn.objectId, mn.material};
-        meshes.push_back(std::move(geom));
+        frameScene->addMesh(std::move(*mesh), mn.node->GetObjectTM(time), mn.objectId, mn.material,
+                            mn.node->GetName());
     }
 
     // Dynamic primitives: expanded for every render thread, one user geometry each.
@@ -496,41 +317,27 @@ void Renderer::Impl::buildScene() {
             continue;
         }
         if (dyn->perThread[0].empty()) continue;
-        RTCGeometry g = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_USER);
-        rtcSetGeometryUserPrimitiveCount(g, unsigned(dyn->perThread[0].size()));
-        rtcSetGeometryUserData(g, dyn.get());
-        rtcSetGeometryBoundsFunction(g, userBounds, nullptr);
-        rtcSetGeometryIntersectFunction(g, userIntersect);
-        rtcSetGeometryOccludedFunction(g, userOccluded);
-        rtcCommitGeometry(g);
-        const unsigned id = rtcAttachGeometry(rtc, g);
-        rtcReleaseGeometry(g);
-        if (records.size() <= id) records.resize(id + 1);
         const int objectId = owner != instanceOf.end() ? owner->second->objectId : 0;
         const int material = owner != instanceOf.end() ? owner->second->material : 0;
-        records[id] = {nullptr, dyn.get(), objectId, material};
+        frameScene->addDynamic(*dyn, objectId, material, name);
     }
 
-    rtcCommitScene(rtc);
-    if (!embreeErrorText.empty()) throw RenderError(embreeErrorText);
+    frameScene->commit();
 }
 
 void Renderer::Impl::releaseFrame() {
-    if (rtc) rtcReleaseScene(rtc);
-    rtc = nullptr;
+    frameScene.reset();
     for (auto& dyn : dynamics) {
         for (int t = 0; t < int(dyn->perThread.size()); ++t) {
             guarded("collapse", [&] { dyn->prim->collapse(t); });
         }
     }
     dynamics.clear();
-    meshes.clear();
-    records.clear();
 }
 
 Image Renderer::Impl::frame(int frameIndex) {
     time = TimeValue(frameIndex) * kTicksPerFrame;
-    embreeErrorText.clear();
+    device->clearError();
     for (auto& o : objects) {
         if (o.ok)
             o.ok = guarded("render object frame begin", [&] { o.object->frameBegin(time, *this); });
@@ -545,12 +352,7 @@ Image Renderer::Impl::frame(int frameIndex) {
     Image img(settings.width, settings.height);
     try {
         buildScene();
-        RTCBounds b;
-        rtcGetSceneBounds(rtc, &b);
-        const Box3 bounds = b.lower_x <= b.upper_x ? Box3({b.lower_x, b.lower_y, b.lower_z},
-                                                          {b.upper_x, b.upper_y, b.upper_z})
-                                                   : Box3();
-        camera = makeCamera(scene.camera, bounds, settings.width, settings.height);
+        camera = makeCamera(scene.camera, frameScene->bounds(), settings.width, settings.height);
         renderTiles(img);
     } catch (...) {
         releaseFrame();
@@ -614,40 +416,23 @@ bool Renderer::Impl::trace(RayContext& rc, ThreadState& ts, IntersectionData& is
                            const GeomRecord*& rec) {
     rc.raySequence = ts.nextSequence();
     rc.hit = nullptr;
-    TraceContext ctx;
-    rtcInitIntersectContext(&ctx.base);
-    ctx.rc = &rc;
-    RTCRayHit rh{};
-    rh.ray.org_x = float(rc.origin[0]);
-    rh.ray.org_y = float(rc.origin[1]);
-    rh.ray.org_z = float(rc.origin[2]);
-    rh.ray.dir_x = rc.direction.x;
-    rh.ray.dir_y = rc.direction.y;
-    rh.ray.dir_z = rc.direction.z;
-    rh.ray.tnear = rc.tMin;
-    rh.ray.tfar = rc.tMax;
-    rh.ray.mask = 0xffffffffu;
-    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
-    rc.bestDistance = rc.tMax;
-    rtcIntersect1(rtc, &ctx.base, &rh);
-    if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID || rh.hit.geomID >= records.size()) return false;
-    rec = &records[rh.hit.geomID];
-    rc.bestDistance = rh.ray.tfar;
+    SceneHit hit;
+    if (!frameScene->intersect(rc, hit)) return false;
+    rec = hit.record;
     isect = IntersectionData{};
     if (rec->mesh) {
-        rec->mesh->fill(int(rh.hit.primID), rh.hit.u, rh.hit.v, isect);
-        isect.primitiveId = rh.hit.primID;
+        rec->mesh->fill(int(hit.primID), hit.u, hit.v, isect);
+        isect.primitiveId = hit.primID;
     } else {
-        const PrimitiveEntry& e = rec->dynamic->perThread[rc.threadIndex][rh.hit.primID];
+        const PrimitiveEntry& e = rec->dynamic->perThread[rc.threadIndex][hit.primID];
         isect.primitiveId = e.id;
-        isect.t = rh.ray.tfar;
+        isect.t = hit.t;
         for (int a = 0; a < 3; ++a)
             isect.point[a] = rc.origin[a] + double(rc.direction[a]) * isect.t;
         if (!rec->dynamic->prim->intersectionData(rc, e.id, isect)) return false;
         if (!isect.shadeData) isect.shadeData = &kNoShadeData;
     }
-    isect.t = rh.ray.tfar;
+    isect.t = hit.t;
     for (int a = 0; a < 3; ++a) isect.point[a] = rc.origin[a] + double(rc.direction[a]) * isect.t;
     return true;
 }
@@ -656,23 +441,9 @@ bool Renderer::Impl::occluded(RayContext& rc, ThreadState& ts) {
     rc.raySequence = ts.nextSequence();
     rc.hit = nullptr;
     rc.shadowRay = true;
-    TraceContext ctx;
-    rtcInitIntersectContext(&ctx.base);
-    ctx.rc = &rc;
-    RTCRay r{};
-    r.org_x = float(rc.origin[0]);
-    r.org_y = float(rc.origin[1]);
-    r.org_z = float(rc.origin[2]);
-    r.dir_x = rc.direction.x;
-    r.dir_y = rc.direction.y;
-    r.dir_z = rc.direction.z;
-    r.tnear = rc.tMin;
-    r.tfar = rc.tMax;
-    r.mask = 0xffffffffu;
-    rc.bestDistance = rc.tMax;
-    rtcOccluded1(rtc, &ctx.base, &r);
+    const bool blocked = frameScene->occluded(rc);
     rc.shadowRay = false;
-    return r.tfar == -kInf;
+    return blocked;
 }
 
 namespace {
