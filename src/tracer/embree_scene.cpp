@@ -20,7 +20,7 @@ struct TraceContext {
 
 void userBounds(const RTCBoundsFunctionArguments* args) {
     const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
-    const StaticBox& b = dyn->perThread[0][args->primID].bounds;
+    const StaticBox& b = dyn->entry(0, args->primID).bounds;
     args->bounds_o->lower_x = b.pmin.x;
     args->bounds_o->lower_y = b.pmin.y;
     args->bounds_o->lower_z = b.pmin.z;
@@ -32,7 +32,7 @@ void userBounds(const RTCBoundsFunctionArguments* args) {
 void userIntersect(const RTCIntersectFunctionNArguments* args) {
     const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
     RayContext& rc = *reinterpret_cast<TraceContext*>(args->context)->rc;
-    const PrimitiveEntry& e = dyn->perThread[rc.threadIndex][args->primID];
+    const PrimitiveEntry& e = dyn->entry(rc.threadIndex, args->primID);
     RTCRayN* ray = RTCRayHitN_RayN(args->rayhit, args->N);
     RTCHitN* hit = RTCRayHitN_HitN(args->rayhit, args->N);
     for (unsigned i = 0; i < args->N; ++i) {
@@ -60,7 +60,7 @@ void userIntersect(const RTCIntersectFunctionNArguments* args) {
 void userOccluded(const RTCOccludedFunctionNArguments* args) {
     const auto* dyn = static_cast<const DynamicGeom*>(args->geometryUserPtr);
     RayContext& rc = *reinterpret_cast<TraceContext*>(args->context)->rc;
-    const PrimitiveEntry& e = dyn->perThread[rc.threadIndex][args->primID];
+    const PrimitiveEntry& e = dyn->entry(rc.threadIndex, args->primID);
     for (unsigned i = 0; i < args->N; ++i) {
         if (args->valid[i] == 0) continue;
         float& tfar = RTCRayN_tfar(args->ray, args->N, i);
@@ -109,6 +109,7 @@ MeshGeom::MeshGeom(Mesh mesh, const Matrix3& objectToWorld) : mesh_(std::move(me
 }
 
 void MeshGeom::fill(int face, float u, float v, IntersectionData& isect) const {
+    MQ_DCHECK(face >= 0 && size_t(face) < mesh_.faces.size());
     const Face& f = mesh_.faces[face];
     const Point3& p0 = world_[f.v[0]];
     const Point3 e1 = world_[f.v[1]] - p0, e2 = world_[f.v[2]] - p0;
@@ -177,6 +178,8 @@ void FrameScene::addMesh(Mesh mesh, const Matrix3& objectToWorld, int objectId, 
 }
 
 void FrameScene::addDynamic(DynamicGeom& dyn, int objectId, int material, const std::string& node) {
+    MQ_ASSERT(!dyn.perThread.empty() && !dyn.perThread[0].empty(),
+              "a dynamic primitive is added to the scene only once expanded");
     GeometryHandle g = newGeometry(device_, RTC_GEOMETRY_TYPE_USER, node);
     rtcSetGeometryUserPrimitiveCount(g.get(), unsigned(dyn.perThread[0].size()));
     rtcSetGeometryUserData(g.get(), &dyn);
@@ -229,7 +232,10 @@ bool FrameScene::intersect(RayContext& rc, SceneHit& hit) const {
     rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
     rc.bestDistance = rc.tMax;
     rtcIntersect1(scene_.get(), &ctx.base, &rh);
-    if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID || rh.hit.geomID >= records_.size()) return false;
+    if (rh.hit.geomID == RTC_INVALID_GEOMETRY_ID) return false;
+    // Embree reports only ids it gave out, and each of those has its record.
+    MQ_DCHECK(rh.hit.geomID < records_.size());
+    MQ_DCHECK(records_[rh.hit.geomID].mesh || records_[rh.hit.geomID].dynamic);
     hit.record = &records_[rh.hit.geomID];
     hit.primID = rh.hit.primID;
     hit.u = rh.hit.u;

@@ -7,6 +7,7 @@
 // it at once.
 #pragma once
 
+#include "host/check.h"
 #include "host/math.h"
 #include "host/mesh.h"
 #include "tracer/primitive.h"
@@ -105,6 +106,13 @@ struct DynamicGeom {
     RenderInstance* owner = nullptr;   // not owned
     int renderId = -1;
     std::vector<std::vector<PrimitiveEntry>> perThread;
+
+    // Primitive primID of render thread `thread`'s expansion. Render threads.
+    const PrimitiveEntry& entry(int thread, unsigned primID) const {
+        MQ_DCHECK(thread >= 0 && size_t(thread) < perThread.size());
+        MQ_DCHECK(primID < perThread[thread].size());
+        return perThread[thread][primID];
+    }
 };
 
 // What an Embree geometry id stands for: exactly one of mesh and dynamic is set.

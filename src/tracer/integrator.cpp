@@ -1,6 +1,8 @@
 // The path tracer: camera paths with next-event estimation and MIS.
 #include "tracer/integrator.h"
 
+#include "host/check.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -32,7 +34,7 @@ bool Integrator::trace(RayContext& rc, ThreadState& ts, IntersectionData& isect,
         rec->mesh->fill(int(hit.primID), hit.u, hit.v, isect);
         isect.primitiveId = hit.primID;
     } else {
-        const PrimitiveEntry& e = rec->dynamic->perThread[rc.threadIndex][hit.primID];
+        const PrimitiveEntry& e = rec->dynamic->entry(rc.threadIndex, hit.primID);
         isect.primitiveId = e.id;
         isect.t = hit.t;
         for (int a = 0; a < 3; ++a)
@@ -72,6 +74,7 @@ void offsetOrigin(const IntersectionData& isect, const Point3& ng, const Point3&
 
 void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, ThreadState& ts,
                              Image& img) const {
+    MQ_DCHECK(x >= 0 && x < img.width && y >= 0 && y < img.height);
     const size_t pix = size_t(y) * img.width + x;
     Point3 sum;
     float coverage = 0.0f;
@@ -122,6 +125,7 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
             if (!hit || absorbed) break;
 
             rc.hit = &isect;
+            MQ_DCHECK(rec->material >= 0 && size_t(rec->material) < materials_.size());
             const Material& m = materials_[rec->material];
             radiance += beta * m.emission;
             if (depth == 0) {

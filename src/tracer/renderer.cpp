@@ -2,6 +2,7 @@
 // frame builds the scene (embree_scene) and renders it in tiles (integrator).
 #include "tracer/renderer.h"
 
+#include "host/check.h"
 #include "host/node.h"
 #include "host/object.h"
 #include "tracer/embree_scene.h"
@@ -377,8 +378,9 @@ void Renderer::Impl::renderTiles(Image& img) {
         tbb::parallel_for(
             tbb::blocked_range2d<int>(ty0, ty1, 1, tx0, tx1, 1),
             [&](const tbb::blocked_range2d<int>& r) {
-                const int ti =
-                    std::clamp(tbb::this_task_arena::current_thread_index(), 0, threads - 1);
+                // The arena has `threads` slots, so every index names a ThreadState.
+                const int ti = tbb::this_task_arena::current_thread_index();
+                MQ_ASSERT(ti >= 0 && ti < threads, "render thread index outside the arena");
                 for (int ty = r.rows().begin(); ty < r.rows().end(); ++ty) {
                     for (int tx = r.cols().begin(); tx < r.cols().end(); ++tx) {
                         const int y1 = std::min(crop.y1, (ty + 1) * kTileSize);
