@@ -71,10 +71,14 @@ void userOccluded(const RTCOccludedFunctionNArguments* args) {
     }
 }
 
-void embreeError(void* userPtr, RTCError code, const char* str) {
-    auto* last = static_cast<std::string*>(userPtr);
-    if (last->empty())
-        *last = "Embree error " + std::to_string(int(code)) + ": " + (str ? str : "");
+// Keeps the first error for the call that caused it to throw. Called from
+// inside Embree, so nothing may leave it.
+void embreeError(void* userPtr, RTCError code, const char* str) noexcept {
+    auto* first = static_cast<std::string*>(userPtr);
+    MQ_BOUNDARY_BEGIN
+    if (first->empty())
+        *first = "Embree error " + std::to_string(int(code)) + ": " + (str ? str : "");
+    MQ_BOUNDARY_END(reportError)
 }
 
 GeometryHandle newGeometry(const EmbreeDevice& device, RTCGeometryType type,

@@ -82,6 +82,9 @@ namespace {
 
 constexpr int kTileSize = 16;
 
+// A node name as messages show it.
+std::string quoted(const std::string& name) { return '"' + name + '"'; }
+
 class VectorSink final : public PrimitiveSink {
 public:
     explicit VectorSink(std::vector<PrimitiveEntry>& out) : out_(out) {}
@@ -104,6 +107,7 @@ struct Renderer::Impl : RenderCore, RayServer {
 
     struct ObjectEntry {
         RenderObject* object;
+        std::string node;  // the first node it renders, for messages
         bool ok = true;
     };
     struct InstanceEntry {
@@ -159,18 +163,25 @@ struct Renderer::Impl : RenderCore, RayServer {
         if (warn) warn(s);
     }
 
-    // Runs a call into a render object; an exception leaves the node out.
+    // Runs `call` into a render object on behalf of `node`. False when it
+    // threw: the warning names the call and the node, and the caller leaves
+    // the node out.
     template <class F>
-    bool guarded(const std::string& what, F&& f) {
-        try {
-            f();
-            return true;
-        } catch (const std::exception& e) {
-            warning(what + " failed: " + e.what());
-        } catch (...) {
-            warning(what + " failed");
-        }
+    bool guarded(const char* call, const std::string& node, F&& f) {
+        const auto report = [&](const std::string& why) {
+            warning(std::string(call) + " of " + quoted(node) + " failed: " + why);
+        };
+        MQ_BOUNDARY_BEGIN
+        f();
+        return true;
+        MQ_BOUNDARY_END(report)
         return false;
+    }
+
+    // Name of the node whose instance registered dyn; "?" for an unknown owner.
+    std::string nodeOf(const DynamicGeom& dyn) const {
+        const auto owner = instanceOf.find(dyn.owner);
+        return owner != instanceOf.end() ? owner->second->node->GetName() : std::string("?");
     }
 
     int materialFor(const Node* node) {
@@ -183,6 +194,7 @@ struct Renderer::Impl : RenderCore, RayServer {
     Image frame(int frame);
     void buildScene();
     void releaseFrame();
+    void endFrame();
     void renderTiles(Image& img);
 };
 
@@ -221,8 +233,8 @@ void Renderer::Impl::begin() {
         auto known = std::find_if(objects.begin(), objects.end(),
                                   [&](const ObjectEntry& o) { return o.object == ro; });
         if (known == objects.end()) {
-            ObjectEntry entry{ro};
-            entry.ok = guarded("render object of " + node->GetName(), [&] {
+            ObjectEntry entry{ro, node->GetName()};
+            entry.ok = guarded("render object begin", entry.node, [&] {
                 if (!ro->init(*this)) throw RenderError("init declined");
                 ro->renderBegin(0, *this);
             });
@@ -231,7 +243,7 @@ void Renderer::Impl::begin() {
         }
         if (!known->ok) continue;
         InstanceEntry inst{node, ro, nullptr, objectId, materialFor(node)};
-        guarded("render instance of " + node->GetName(), [&] {
+        guarded("render begin", node->GetName(), [&] {
             inst.instance = ro->newRenderInstance(node, *this, newRenderId());
             if (inst.instance) inst.instance->renderBegin(0, *this);
         });
@@ -243,7 +255,7 @@ void Renderer::Impl::begin() {
 void Renderer::Impl::end() {
     if (!begun) return;
     for (auto& inst : instances) {
-        guarded("render end of " + inst.node->GetName(), [&] {
+        guarded("render end", inst.node->GetName(), [&] {
             inst.instance->renderEnd(*this);
             inst.object->deleteRenderInstance(inst.instance);
         });
@@ -251,7 +263,7 @@ void Renderer::Impl::end() {
     instances.clear();
     instanceOf.clear();
     for (auto& o : objects) {
-        if (o.ok) guarded("render object end", [&] { o.object->renderEnd(*this); });
+        if (o.ok) guarded("render object end", o.node, [&] { o.object->renderEnd(*this); });
     }
     objects.clear();
     meshNodes.clear();
@@ -271,7 +283,7 @@ void Renderer::Impl::buildScene() {
         std::optional<Mesh> mesh = meshOfObject(mn.node->EvalWorldState(time).obj, time);
         if (!mesh || mesh->faces.empty()) continue;
         if (const auto problems = mesh->validate(); !problems.empty()) {
-            warning("node " + mn.node->GetName() + " left out: " + problems.front());
+            warning("node " + quoted(mn.node->GetName()) + " left out: " + problems.front());
             continue;
         }
         frameScene->addMesh(std::move(*mesh), mn.node->GetObjectTM(time), mn.objectId, mn.material,
@@ -281,10 +293,9 @@ void Renderer::Impl::buildScene() {
     // Dynamic primitives: expanded for every render thread, one user geometry each.
     for (auto& dyn : dynamics) {
         const auto owner = instanceOf.find(dyn->owner);
-        const std::string name =
-            owner != instanceOf.end() ? owner->second->node->GetName() : std::string("?");
+        const std::string name = nodeOf(*dyn);
         dyn->perThread.assign(threads, {});
-        const bool ok = guarded("expansion of " + name, [&] {
+        const bool ok = guarded("expansion", name, [&] {
             for (int t = 0; t < threads; ++t) {
                 VectorSink sink(dyn->perThread[t]);
                 dyn->prim->expand(t, sink);
@@ -297,7 +308,7 @@ void Renderer::Impl::buildScene() {
         for (const auto& e : dyn->perThread[0]) same = same && e.intersect != nullptr;
         if (!same) {
             if (ok)
-                warning(name +
+                warning("node " + quoted(name) +
                         " left out: its expansions differ between threads or lack entry points");
             continue;
         }
@@ -313,8 +324,9 @@ void Renderer::Impl::buildScene() {
 void Renderer::Impl::releaseFrame() {
     frameScene.reset();
     for (auto& dyn : dynamics) {
+        const std::string name = nodeOf(*dyn);
         for (int t = 0; t < int(dyn->perThread.size()); ++t) {
-            guarded("collapse", [&] { dyn->prim->collapse(t); });
+            guarded("collapse", name, [&] { dyn->prim->collapse(t); });
         }
     }
     dynamics.clear();
@@ -324,37 +336,40 @@ Image Renderer::Impl::frame(int frameIndex) {
     time = TimeValue(frameIndex) * kTicksPerFrame;
     device->clearError();
     for (auto& o : objects) {
-        if (o.ok)
-            o.ok = guarded("render object frame begin", [&] { o.object->frameBegin(time, *this); });
+        if (o.ok) {
+            o.ok = guarded("render object frame begin", o.node,
+                           [&] { o.object->frameBegin(time, *this); });
+        }
     }
     for (auto& inst : instances) {
-        guarded("frame begin of " + inst.node->GetName(), [&] {
+        guarded("frame begin", inst.node->GetName(), [&] {
             inst.instance->frameBegin(time, *this);
             inst.instance->compileGeometry(*this);
         });
     }
 
+    // A failed frame still ends for every object before the failure goes on.
     Image img(settings.width, settings.height);
     try {
         buildScene();
         camera = makeCamera(scene.camera, frameScene->bounds(), settings.width, settings.height);
         renderTiles(img);
     } catch (...) {
-        releaseFrame();
-        for (auto& inst : instances) guarded("frame end", [&] { inst.instance->frameEnd(*this); });
-        for (auto& o : objects) {
-            if (o.ok) guarded("frame end", [&] { o.object->frameEnd(*this); });
-        }
+        endFrame();
         throw;
     }
+    endFrame();
+    return img;
+}
+
+void Renderer::Impl::endFrame() {
     releaseFrame();
     for (auto& inst : instances) {
-        guarded("frame end of " + inst.node->GetName(), [&] { inst.instance->frameEnd(*this); });
+        guarded("frame end", inst.node->GetName(), [&] { inst.instance->frameEnd(*this); });
     }
     for (auto& o : objects) {
-        if (o.ok) guarded("render object frame end", [&] { o.object->frameEnd(*this); });
+        if (o.ok) guarded("render object frame end", o.node, [&] { o.object->frameEnd(*this); });
     }
-    return img;
 }
 
 void Renderer::Impl::renderTiles(Image& img) {
@@ -408,10 +423,11 @@ Renderer::Renderer(Scene& scene, RenderSettings settings) : settings_(settings) 
 }
 
 Renderer::~Renderer() {
-    try {
-        impl_->end();
-    } catch (...) {
-    }
+    // Nothing leaves a destructor: a failure to end is reported instead.
+    const auto report = [](const std::string& why) { reportError("render end failed: " + why); };
+    MQ_BOUNDARY_BEGIN
+    impl_->end();
+    MQ_BOUNDARY_END(report)
 }
 
 void Renderer::setWarningSink(WarningFn warn) { impl_->warn = std::move(warn); }
