@@ -156,8 +156,9 @@ public:
     Box3 bounds() const;
 
     // Nearest hit of rc in [rc.tMin, rc.tMax]; rc.bestDistance ends at the
-    // hit's distance. False for a miss. Render threads, after commit; never
-    // throws or allocates.
+    // hit's distance. False for a miss. rc.threadIndex picks the dynamic
+    // primitives' expansion and must be below their thread count. Render
+    // threads, after commit; never throws or allocates.
     bool intersect(RayContext& rc, SceneHit& hit) const;
     // Whether anything blocks rc in [rc.tMin, rc.tMax]. Same rules as intersect.
     bool occluded(RayContext& rc) const;
