@@ -1,6 +1,7 @@
 #include "engine/primitive.h"
 
 #include "engine/segment_walk.h"
+#include "host/check.h"
 
 #include <algorithm>
 #include <cmath>
@@ -81,6 +82,7 @@ void MosaiqPrimitive::splitBox(int axis, float position, Box3& lower, Box3& uppe
 }
 
 bool MosaiqPrimitive::intersect(WorldRay& ray, TileHit& hit) const {
+    MQ_DCHECK(tile != nullptr);
     TileRay tileRay;
     tileRay.ownerKey = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(this));
     tileRay.skipKey = ray.skipKey;

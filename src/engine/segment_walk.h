@@ -5,6 +5,7 @@
 
 #include "engine/ray.h"
 #include "engine/tile.h"
+#include "host/check.h"
 
 #include <cstdint>
 
@@ -24,8 +25,14 @@ public:
     static void fill();
 
     // row and column in [0, kSize).
-    uint32_t u(int row, int column) const { return u_[row * kSize + column]; }
-    uint32_t v(int row, int column) const { return v_[row * kSize + column]; }
+    uint32_t u(int row, int column) const {
+        MQ_DCHECK(row >= 0 && row < kSize && column >= 0 && column < kSize);
+        return u_[row * kSize + column];
+    }
+    uint32_t v(int row, int column) const {
+        MQ_DCHECK(row >= 0 && row < kSize && column >= 0 && column < kSize);
+        return v_[row * kSize + column];
+    }
 
 private:
     SegmentRandomTable() = default;

@@ -159,7 +159,8 @@ ParamMap2UserDlgProc* ParamBlockDesc::GetUserDlgProc(MapID map) const {
     return nullptr;
 }
 
-void ParamBlockDesc::InvalidateUI(ParamID id, int tabIndex) { ++invalidateCount_; }
+// No rollout is open without a user interface: there is nothing to refresh.
+void ParamBlockDesc::InvalidateUI(ParamID id, int tabIndex) {}
 
 ParamBlockDesc::Clamped ParamBlockDesc::clampToRange(const ParamDef& def,
                                                      const ParamValue& v) const {

@@ -149,8 +149,6 @@ public:
     ParamMap2UserDlgProc* GetUserDlgProc(MapID map) const;
     // Tell open rollouts that a parameter changed (all elements for -1).
     void InvalidateUI(ParamID id, int tabIndex = -1);
-    // How often InvalidateUI was called, for checking refreshes without a UI.
-    int invalidateCount() const { return invalidateCount_; }
 
     // Bring a value into the parameter's range and type. Returns the value
     // stored and whether it had to be changed.
@@ -162,7 +160,6 @@ public:
 
 private:
     std::vector<ParamDef> params_;
-    int invalidateCount_ = 0;
 };
 
 // The values of one object's parameters.

@@ -9,6 +9,7 @@
 #include "render/bake.h"
 
 #include "engine/segment_walk.h"
+#include "host/check.h"
 
 #include <algorithm>
 #include <array>
@@ -17,6 +18,7 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -514,7 +516,7 @@ void forEachPiece(const Baker& baker, int32_t count, const Work& work) {
     std::vector<std::thread> threads;
     try {
         for (unsigned w = 1; w < workers; ++w) threads.emplace_back(run, std::ref(scratch[w]));
-    } catch (...) {
+    } catch (const std::system_error&) {
         // Fewer threads: this one does the rest.
     }
     run(scratch[0]);
@@ -525,6 +527,7 @@ void forEachPiece(const Baker& baker, int32_t count, const Work& work) {
 
 bool bakePieces(const MosaiqPrimitive* pieces, int32_t count, const PatternTile& tile,
                 const BakeLimits& limits, Mesh& out, BakeStats& stats, std::string& error) {
+    MQ_ASSERT(tile.tree, "pieces are baked from a tile that was never built");
     stats = BakeStats();
     stats.pieces = std::max(count, 0);
     if (count < 0 || (count > 0 && !pieces)) {

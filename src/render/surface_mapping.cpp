@@ -1,5 +1,6 @@
 #include "render/surface_mapping.h"
 
+#include "host/check.h"
 #include "host/node.h"
 #include "host/object.h"
 #include "render/surface_analysis.h"
@@ -88,6 +89,7 @@ bool SurfaceMapping::build(const SurfaceMappingSettings& settings, const Pattern
 bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
                                    const SurfaceMappingSettings& settings,
                                    std::vector<MosaiqPrimitive>& primitives) {
+    MQ_ASSERT(tile.tree, "a surface is mapped onto a tile that was never built");
     primitiveCount = 0;
     stats = {};
     problem.clear();
