@@ -127,7 +127,7 @@ public:
         auto scene = std::make_unique<Scene>();
         readSections(doc, *scene);
         scene_ = scene.get();
-        if (const json* nodes = optional(doc, "nodes")) {
+        if (const json* nodes = optional(doc, key::kNodes)) {
             expectArray(*nodes, "/nodes");
             for (size_t i = 0; i < nodes->size(); ++i) {
                 readNode((*nodes)[i], at("/nodes", i), scene->root(), 1);
@@ -185,12 +185,12 @@ private:
     }
 
     void checkHeader(const json& doc) const {
-        const json& format = require(doc, "format", "");
+        const json& format = require(doc, key::kFormat, "");
         if (!format.is_string() || format.get<std::string>() != kFormatName) {
             fail("/format", "not a Mosaiq scene: expected \"" + std::string(kFormatName) +
                                 "\", found " + format.dump());
         }
-        const json& version = require(doc, "version", "");
+        const json& version = require(doc, key::kVersion, "");
         if (!version.is_number_integer()) {
             fail("/version", "expected an integer version, found " + kindOf(version));
         }
@@ -207,21 +207,21 @@ private:
     }
 
     void readSections(const json& doc, Scene& scene) const {
-        if (const json* m = optional(doc, "materials")) {
+        if (const json* m = optional(doc, key::kMaterials)) {
             expectObject(*m, "/materials");
             for (const auto& [name, mtl] : m->items()) expectObject(mtl, at("/materials", name));
             scene.materials = *m;
         }
-        if (const json* c = optional(doc, "camera"); c && !c->is_null()) {
+        if (const json* c = optional(doc, key::kCamera); c && !c->is_null()) {
             expectObject(*c, "/camera");
             scene.camera = *c;
         }
-        if (const json* l = optional(doc, "lights")) {
+        if (const json* l = optional(doc, key::kLights)) {
             expectArray(*l, "/lights");
             for (size_t i = 0; i < l->size(); ++i) expectObject((*l)[i], at("/lights", i));
             scene.lights = *l;
         }
-        if (const json* r = optional(doc, "render")) {
+        if (const json* r = optional(doc, key::kRender)) {
             expectObject(*r, "/render");
             scene.render = *r;
         }
@@ -232,9 +232,9 @@ private:
     void readNode(const json& j, const std::string& path, Node* parent, int depth) {
         Node* added = parent->attachChild(makeNode(j, path));
         byName_[added->GetName()].push_back(added);
-        const json* children = optional(j, "children");
+        const json* children = optional(j, key::kChildren);
         if (!children) return;
-        const std::string cpath = at(path, "children");
+        const std::string cpath = at(path, key::kChildren);
         expectArray(*children, cpath);
         if (!children->empty() && depth >= kMaxNodeDepth) {
             fail(cpath, "nodes are nested more than " + std::to_string(kMaxNodeDepth) + " deep");
@@ -246,28 +246,30 @@ private:
 
     std::unique_ptr<Node> makeNode(const json& j, const std::string& path) {
         expectObject(j, path);
-        auto node = std::make_unique<Node>(readString(require(j, "name", path), at(path, "name")));
-        if (const json* t = optional(j, "transform")) {
-            node->setLocalTM(readMatrix(*t, at(path, "transform")));
+        auto node =
+            std::make_unique<Node>(readString(require(j, key::kName, path), at(path, key::kName)));
+        if (const json* t = optional(j, key::kTransform)) {
+            node->setLocalTM(readMatrix(*t, at(path, key::kTransform)));
         }
-        if (const json* t = optional(j, "objectOffset")) {
-            node->setObjectOffsetTM(readMatrix(*t, at(path, "objectOffset")));
+        if (const json* t = optional(j, key::kObjectOffset)) {
+            node->setObjectOffsetTM(readMatrix(*t, at(path, key::kObjectOffset)));
         }
-        if (const json* r = optional(j, "renderable")) {
+        if (const json* r = optional(j, key::kRenderable)) {
             if (!r->is_boolean()) {
-                fail(at(path, "renderable"), "expected true or false, found " + kindOf(*r));
+                fail(at(path, key::kRenderable), "expected true or false, found " + kindOf(*r));
             }
             node->SetRenderable(r->get<bool>());
         }
-        if (const json* m = optional(j, "material"); m && !m->is_null()) {
-            std::string name = readString(*m, at(path, "material"));
+        if (const json* m = optional(j, key::kMaterial); m && !m->is_null()) {
+            std::string name = readString(*m, at(path, key::kMaterial));
             if (!name.empty() && !scene_->materials.contains(name)) {
-                fail(at(path, "material"), "material " + inQuotes(name) + " is not in /materials");
+                fail(at(path, key::kMaterial),
+                     "material " + inQuotes(name) + " is not in /materials");
             }
             node->setMaterial(std::move(name));
         }
-        if (const json* o = optional(j, "object"); o && !o->is_null()) {
-            const std::string opath = at(path, "object");
+        if (const json* o = optional(j, key::kObject); o && !o->is_null()) {
+            const std::string opath = at(path, key::kObject);
             ObjectPtr obj = readObject(*o, opath);
             loaded_.emplace_back(obj.get(), opath);
             node->SetObjectRef(obj.release());
@@ -277,18 +279,19 @@ private:
 
     ObjectPtr readObject(const json& j, const std::string& path) {
         expectObject(j, path);
-        const std::string cpath = at(path, "class");
-        const json& cls = require(j, "class", path);
+        const std::string cpath = at(path, key::kClass);
+        const json& cls = require(j, key::kClass, path);
         expectObject(cls, cpath);
-        const auto sid = static_cast<SClass_ID>(
-            readInt(require(cls, "superClass", cpath), at(cpath, "superClass"), 0, UINT32_MAX));
-        const std::string idPath = at(cpath, "id");
-        const json& id = require(cls, "id", cpath);
+        const auto sid = static_cast<SClass_ID>(readInt(
+            require(cls, key::kSuperClass, cpath), at(cpath, key::kSuperClass), 0, UINT32_MAX));
+        const std::string idPath = at(cpath, key::kId);
+        const json& id = require(cls, key::kId, cpath);
         expectArray(id, idPath, 2);
         const ClassId cid(static_cast<uint32_t>(readInt(id[0], at(idPath, 0), 0, UINT32_MAX)),
                           static_cast<uint32_t>(readInt(id[1], at(idPath, 1), 0, UINT32_MAX)));
         std::string fileName;
-        if (const json* n = optional(cls, "name")) fileName = readString(*n, at(cpath, "name"));
+        if (const json* n = optional(cls, key::kName))
+            fileName = readString(*n, at(cpath, key::kName));
 
         ClassDesc* cd = classDirectory().find(sid, cid);
         const bool isTriObject = sid == GEOMOBJECT_CLASS_ID && cid == TRIOBJ_CLASS_ID;
@@ -307,19 +310,20 @@ private:
         }
         const std::string className = cd ? cd->InternalName() : obj->GetClassName();
         if (cd && !fileName.empty() && fileName != className) {
-            warn(at(cpath, "name"), "class " + describeClass(sid, cid) + " is " +
-                                        inQuotes(className) + "; the file calls it " +
-                                        inQuotes(fileName) + " (loaded by id)");
+            warn(at(cpath, key::kName), "class " + describeClass(sid, cid) + " is " +
+                                            inQuotes(className) + "; the file calls it " +
+                                            inQuotes(fileName) + " (loaded by id)");
         }
 
         if (isTriObject) {
-            readTriMesh(static_cast<TriObject&>(*obj), require(j, "mesh", path), at(path, "mesh"));
-        } else if (j.contains("mesh")) {
-            fail(at(path, "mesh"),
+            readTriMesh(static_cast<TriObject&>(*obj), require(j, key::kMesh, path),
+                        at(path, key::kMesh));
+        } else if (j.contains(key::kMesh)) {
+            fail(at(path, key::kMesh),
                  "only triangle objects (super class 16, id [9, 0]) carry a mesh");
         }
-        if (const json* blocks = optional(j, "paramBlocks")) {
-            readParamBlocks(*obj, *blocks, at(path, "paramBlocks"), className);
+        if (const json* blocks = optional(j, key::kParamBlocks)) {
+            readParamBlocks(*obj, *blocks, at(path, key::kParamBlocks), className);
         }
         return obj;
     }
@@ -332,30 +336,30 @@ private:
             const std::string bpath = at(path, b);
             const json& block = blocks[b];
             expectObject(block, bpath);
-            const auto blockId = static_cast<BlockID>(
-                readInt(require(block, "id", bpath), at(bpath, "id"), INT16_MIN, INT16_MAX));
+            const auto blockId = static_cast<BlockID>(readInt(
+                require(block, key::kId, bpath), at(bpath, key::kId), INT16_MIN, INT16_MAX));
             ParamBlock* pb = obj.GetParamBlockByID(blockId);
             if (!pb) {
-                fail(at(bpath, "id"), "class " + inQuotes(className) +
-                                          " has no parameter block with id " +
-                                          std::to_string(blockId));
+                fail(at(bpath, key::kId), "class " + inQuotes(className) +
+                                              " has no parameter block with id " +
+                                              std::to_string(blockId));
             }
             if (!seenBlocks.insert(blockId).second) {
-                fail(at(bpath, "id"),
+                fail(at(bpath, key::kId),
                      "parameter block " + std::to_string(blockId) + " is given twice");
             }
             const ParamBlockDesc& desc = *pb->GetDesc();
-            if (const json* n = optional(block, "name")) {
-                const std::string name = readString(*n, at(bpath, "name"));
+            if (const json* n = optional(block, key::kName)) {
+                const std::string name = readString(*n, at(bpath, key::kName));
                 if (name != desc.int_name) {
-                    warn(at(bpath, "name"), "parameter block " + std::to_string(blockId) + " of " +
-                                                inQuotes(className) + " is " +
-                                                inQuotes(desc.int_name) + "; the file calls it " +
-                                                inQuotes(name) + " (loaded by id)");
+                    warn(at(bpath, key::kName),
+                         "parameter block " + std::to_string(blockId) + " of " +
+                             inQuotes(className) + " is " + inQuotes(desc.int_name) +
+                             "; the file calls it " + inQuotes(name) + " (loaded by id)");
                 }
             }
-            const std::string ppath = at(bpath, "params");
-            const json& params = require(block, "params", bpath);
+            const std::string ppath = at(bpath, key::kParams);
+            const json& params = require(block, key::kParams, bpath);
             expectArray(params, ppath);
             std::unordered_set<int> seenParams;
             for (size_t i = 0; i < params.size(); ++i) {
@@ -369,39 +373,39 @@ private:
         expectObject(j, path);
         const ParamBlockDesc& desc = *pb.GetDesc();
         const auto id = static_cast<ParamID>(
-            readInt(require(j, "id", path), at(path, "id"), INT16_MIN, INT16_MAX));
+            readInt(require(j, key::kId, path), at(path, key::kId), INT16_MIN, INT16_MAX));
         const ParamDef* def = desc.GetParamDef(id);
         if (!def) {
-            fail(at(path, "id"), "unknown parameter id " + std::to_string(id) + " in block " +
-                                     std::to_string(desc.ID) + " (" + inQuotes(desc.int_name) +
-                                     ") of class " + inQuotes(className));
+            fail(at(path, key::kId), "unknown parameter id " + std::to_string(id) + " in block " +
+                                         std::to_string(desc.ID) + " (" + inQuotes(desc.int_name) +
+                                         ") of class " + inQuotes(className));
         }
         if (!seen.insert(id).second) {
-            fail(at(path, "id"), "parameter " + std::to_string(id) + " (" +
-                                     inQuotes(def->internalName) + ") is given twice");
+            fail(at(path, key::kId), "parameter " + std::to_string(id) + " (" +
+                                         inQuotes(def->internalName) + ") is given twice");
         }
         const std::string label =
             "parameter " + std::to_string(id) + " (" + inQuotes(def->internalName) + ")";
-        if (const json* n = optional(j, "name")) {
-            const std::string name = readString(*n, at(path, "name"));
+        if (const json* n = optional(j, key::kName)) {
+            const std::string name = readString(*n, at(path, key::kName));
             if (name != def->internalName) {
-                warn(at(path, "name"), "parameter " + std::to_string(id) + " is " +
-                                           inQuotes(def->internalName) + "; the file calls it " +
-                                           inQuotes(name) + " (loaded by id)");
+                warn(at(path, key::kName),
+                     "parameter " + std::to_string(id) + " is " + inQuotes(def->internalName) +
+                         "; the file calls it " + inQuotes(name) + " (loaded by id)");
             }
         }
-        if (const json* t = optional(j, "type")) {
-            const std::string typeText = readString(*t, at(path, "type"));
+        if (const json* t = optional(j, key::kType)) {
+            const std::string typeText = readString(*t, at(path, key::kType));
             const std::optional<ParamType> type = typeFromName(typeText);
-            if (!type) fail(at(path, "type"), "unknown parameter type " + inQuotes(typeText));
+            if (!type) fail(at(path, key::kType), "unknown parameter type " + inQuotes(typeText));
             if (*type != def->type) {
-                fail(at(path, "type"), label + " is of type " + inQuotes(typeName(def->type)) +
-                                           ", not " + inQuotes(typeText));
+                fail(at(path, key::kType), label + " is of type " + inQuotes(typeName(def->type)) +
+                                               ", not " + inQuotes(typeText));
             }
         }
 
-        const std::string vpath = at(path, "value");
-        const json& value = require(j, "value", path);
+        const std::string vpath = at(path, key::kValue);
+        const json& value = require(j, key::kValue, path);
         if (!def->isTable()) {
             readParamElement(pb, *def, 0, value, vpath, label);
             return;
@@ -488,19 +492,19 @@ private:
 
     void readTriMesh(TriObject& obj, const json& j, const std::string& path) {
         expectObject(j, path);
-        const json* file = optional(j, "file");
-        const json* inl = optional(j, "inline");
+        const json* file = optional(j, key::kFile);
+        const json* inl = optional(j, key::kInline);
         if ((file != nullptr) == (inl != nullptr)) {
             fail(path, "a mesh is either \"file\" (with \"node\") or \"inline\"");
         }
         if (inl) {
-            obj.mesh = readInlineMesh(*inl, at(path, "inline"));
+            obj.mesh = readInlineMesh(*inl, at(path, key::kInline));
             return;
         }
-        const std::string fpath = at(path, "file");
+        const std::string fpath = at(path, key::kFile);
         const std::string rel = readString(*file, fpath);
-        const int nodeIndex =
-            static_cast<int>(readInt(require(j, "node", path), at(path, "node"), 0, INT_MAX));
+        const int nodeIndex = static_cast<int>(
+            readInt(require(j, key::kNode, path), at(path, key::kNode), 0, INT_MAX));
         if (rel.empty()) fail(fpath, "empty mesh asset path");
         const fs::path asset = (folder_ / fs::path(rel)).lexically_normal();
 
@@ -519,15 +523,15 @@ private:
         }
         const ImportedScene& imported = it->second;
         if (size_t(nodeIndex) >= imported.nodes.size()) {
-            fail(at(path, "node"), "mesh asset " + inQuotes(rel) + " has " +
-                                       std::to_string(imported.nodes.size()) + " nodes; node " +
-                                       std::to_string(nodeIndex) + " does not exist");
+            fail(at(path, key::kNode), "mesh asset " + inQuotes(rel) + " has " +
+                                           std::to_string(imported.nodes.size()) + " nodes; node " +
+                                           std::to_string(nodeIndex) + " does not exist");
         }
         const ImportedNode& node = imported.nodes[size_t(nodeIndex)];
         if (!node.mesh) {
-            fail(at(path, "node"), "node " + std::to_string(nodeIndex) + " (" +
-                                       inQuotes(node.name) + ") of mesh asset " + inQuotes(rel) +
-                                       " has no mesh");
+            fail(at(path, key::kNode), "node " + std::to_string(nodeIndex) + " (" +
+                                           inQuotes(node.name) + ") of mesh asset " +
+                                           inQuotes(rel) + " has no mesh");
         }
         obj.mesh = *node.mesh;
         obj.source = MeshSource{asset, nodeIndex};
@@ -536,15 +540,15 @@ private:
     Mesh readInlineMesh(const json& j, const std::string& path) const {
         expectObject(j, path);
         Mesh mesh;
-        const std::string vpath = at(path, "verts");
-        const json& verts = require(j, "verts", path);
+        const std::string vpath = at(path, key::kVerts);
+        const json& verts = require(j, key::kVerts, path);
         expectArray(verts, vpath);
         mesh.verts.reserve(verts.size());
         for (size_t i = 0; i < verts.size(); ++i)
             mesh.verts.push_back(readPoint3(verts[i], at(vpath, i)));
 
-        const std::string fpath = at(path, "faces");
-        const json& faces = require(j, "faces", path);
+        const std::string fpath = at(path, key::kFaces);
+        const json& faces = require(j, key::kFaces, path);
         expectArray(faces, fpath);
         mesh.faces.reserve(faces.size());
         for (size_t f = 0; f < faces.size(); ++f) {
@@ -569,8 +573,8 @@ private:
             mesh.faces.push_back(face);
         }
 
-        if (const json* maps = optional(j, "maps")) {
-            const std::string mpath = at(path, "maps");
+        if (const json* maps = optional(j, key::kMaps)) {
+            const std::string mpath = at(path, key::kMaps);
             expectObject(*maps, mpath);
             for (const auto& [key, map] : maps->items()) {
                 const std::string chPath = at(mpath, key);
@@ -584,8 +588,8 @@ private:
                 readMap(mesh, channel, map, chPath);
             }
         }
-        if (const json* normals = optional(j, "normals")) {
-            readNormals(mesh, *normals, at(path, "normals"));
+        if (const json* normals = optional(j, key::kNormals)) {
+            readNormals(mesh, *normals, at(path, key::kNormals));
         }
         if (const std::vector<std::string> problems = mesh.validate(); !problems.empty()) {
             fail(path, "broken mesh: " + problems.front());
@@ -597,15 +601,15 @@ private:
         expectObject(j, path);
         MeshMap& map = mesh.Map(channel);
         mesh.setMapSupport(channel);
-        const std::string vpath = at(path, "verts");
-        const json& verts = require(j, "verts", path);
+        const std::string vpath = at(path, key::kVerts);
+        const json& verts = require(j, key::kVerts, path);
         expectArray(verts, vpath);
         map.verts.clear();
         map.verts.reserve(verts.size());
         for (size_t i = 0; i < verts.size(); ++i)
             map.verts.push_back(readPoint3(verts[i], at(vpath, i)));
-        const std::string fpath = at(path, "faces");
-        const json& faces = require(j, "faces", path);
+        const std::string fpath = at(path, key::kFaces);
+        const json& faces = require(j, key::kFaces, path);
         expectArray(faces, fpath, mesh.faces.size());
         map.faces.assign(faces.size(), TVFace{});
         for (size_t f = 0; f < faces.size(); ++f) {
@@ -620,15 +624,15 @@ private:
 
     void readNormals(Mesh& mesh, const json& j, const std::string& path) const {
         expectObject(j, path);
-        const std::string npath = at(path, "normals");
-        const json& normals = require(j, "normals", path);
+        const std::string npath = at(path, key::kNormals);
+        const json& normals = require(j, key::kNormals, path);
         expectArray(normals, npath);
         std::vector<Point3> pool;
         pool.reserve(normals.size());
         for (size_t i = 0; i < normals.size(); ++i)
             pool.push_back(readPoint3(normals[i], at(npath, i)));
-        const std::string fpath = at(path, "faces");
-        const json& faces = require(j, "faces", path);
+        const std::string fpath = at(path, key::kFaces);
+        const json& faces = require(j, key::kFaces, path);
         expectArray(faces, fpath, mesh.faces.size());
         std::vector<std::array<int, 3>> indices(faces.size());
         for (size_t f = 0; f < faces.size(); ++f) {

@@ -194,18 +194,19 @@ public:
 
     ojson write() {
         ojson doc = ojson::object();
-        doc["format"] = kFormatName;
-        doc["version"] = kSceneFileVersion;
+        doc[key::kFormat] = kFormatName;
+        doc[key::kVersion] = kSceneFileVersion;
         ojson nodes = ojson::array();
         const Node* root = scene_.root();
         for (int i = 0; i < root->NumberOfChildren(); ++i) {
             nodes.push_back(nodeJson(*root->GetChildNode(i), at("/nodes", size_t(i))));
         }
-        doc["nodes"] = std::move(nodes);
-        doc["materials"] = scene_.materials.is_null() ? ojson::object() : ojson(scene_.materials);
-        if (!scene_.camera.is_null()) doc["camera"] = ojson(scene_.camera);
-        doc["lights"] = scene_.lights.is_null() ? ojson::array() : ojson(scene_.lights);
-        doc["render"] = scene_.render.is_null() ? ojson::object() : ojson(scene_.render);
+        doc[key::kNodes] = std::move(nodes);
+        doc[key::kMaterials] =
+            scene_.materials.is_null() ? ojson::object() : ojson(scene_.materials);
+        if (!scene_.camera.is_null()) doc[key::kCamera] = ojson(scene_.camera);
+        doc[key::kLights] = scene_.lights.is_null() ? ojson::array() : ojson(scene_.lights);
+        doc[key::kRender] = scene_.render.is_null() ? ojson::object() : ojson(scene_.render);
         if (const std::string bad = firstNonFinite(doc, ""); !bad.empty()) {
             fail(bad, "not a finite number (NaN and infinity cannot be saved)");
         }
@@ -219,46 +220,47 @@ private:
 
     ojson nodeJson(const Node& node, const std::string& path) {
         ojson j = ojson::object();
-        j["name"] = node.GetName();
-        j["transform"] = matrixTo<ojson>(node.localTM());
+        j[key::kName] = node.GetName();
+        j[key::kTransform] = matrixTo<ojson>(node.localTM());
         if (!node.objectOffsetTM().IsIdentity())
-            j["objectOffset"] = matrixTo<ojson>(node.objectOffsetTM());
-        j["renderable"] = node.Renderable();
-        if (!node.material().empty()) j["material"] = node.material();
-        if (Object* obj = node.GetObjectRef()) j["object"] = objectJson(*obj, at(path, "object"));
+            j[key::kObjectOffset] = matrixTo<ojson>(node.objectOffsetTM());
+        j[key::kRenderable] = node.Renderable();
+        if (!node.material().empty()) j[key::kMaterial] = node.material();
+        if (Object* obj = node.GetObjectRef())
+            j[key::kObject] = objectJson(*obj, at(path, key::kObject));
         if (node.NumberOfChildren() > 0) {
             ojson children = ojson::array();
             for (int i = 0; i < node.NumberOfChildren(); ++i) {
                 children.push_back(
-                    nodeJson(*node.GetChildNode(i), at(at(path, "children"), size_t(i))));
+                    nodeJson(*node.GetChildNode(i), at(at(path, key::kChildren), size_t(i))));
             }
-            j["children"] = std::move(children);
+            j[key::kChildren] = std::move(children);
         }
         return j;
     }
 
     ojson objectJson(Object& obj, const std::string& path) {
         ojson cls = ojson::object();
-        cls["superClass"] = obj.SuperClassID();
-        cls["id"] = ojson::array({obj.ClassID().a, obj.ClassID().b});
+        cls[key::kSuperClass] = obj.SuperClassID();
+        cls[key::kId] = ojson::array({obj.ClassID().a, obj.ClassID().b});
         ClassDesc* cd = classDirectory().find(obj.SuperClassID(), obj.ClassID());
-        cls["name"] = cd ? std::string(cd->InternalName()) : obj.GetClassName();
+        cls[key::kName] = cd ? std::string(cd->InternalName()) : obj.GetClassName();
         ojson j = ojson::object();
-        j["class"] = std::move(cls);
+        j[key::kClass] = std::move(cls);
 
         if (obj.SuperClassID() == GEOMOBJECT_CLASS_ID && obj.ClassID() == TRIOBJ_CLASS_ID) {
             auto& tri = static_cast<TriObject&>(obj);
-            j["mesh"] = tri.source.valid() ? meshRefJson(tri.source)
-                                           : ojson{{"inline", inlineMeshJson(tri.mesh)}};
+            j[key::kMesh] = tri.source.valid() ? meshRefJson(tri.source)
+                                               : ojson{{key::kInline, inlineMeshJson(tri.mesh)}};
         }
         ojson blocks = ojson::array();
         for (int b = 0; b < obj.NumParamBlocks(); ++b) {
             const ParamBlock* pb = obj.GetParamBlock(b);
             if (!pb) continue;
-            blocks.push_back(blockJson(*pb, at(at(path, "paramBlocks"), blocks.size())));
+            blocks.push_back(blockJson(*pb, at(at(path, key::kParamBlocks), blocks.size())));
         }
         if (!blocks.empty() || obj.ClassID() != TRIOBJ_CLASS_ID)
-            j["paramBlocks"] = std::move(blocks);
+            j[key::kParamBlocks] = std::move(blocks);
         return j;
     }
 
@@ -266,16 +268,17 @@ private:
         const ParamBlockDesc& desc = *pb.GetDesc();
         ojson params = ojson::array();
         for (const ParamDef& def : desc.params()) {
-            const std::string ppath = at(at(path, "params"), params.size());
+            const std::string ppath = at(at(path, key::kParams), params.size());
             ojson p = ojson::object();
-            p["id"] = def.id;
-            p["name"] = def.internalName;
-            p["type"] = typeName(def.type);
-            p["value"] = paramToJson<ojson>(
+            p[key::kId] = def.id;
+            p[key::kName] = def.internalName;
+            p[key::kType] = typeName(def.type);
+            p[key::kValue] = paramToJson<ojson>(
                 pb, def, [&](const NodeRef& ref) { return nodeRefJson(ref, def, ppath); });
             params.push_back(std::move(p));
         }
-        return ojson{{"id", desc.ID}, {"name", desc.int_name}, {"params", std::move(params)}};
+        return ojson{
+            {key::kId, desc.ID}, {key::kName, desc.int_name}, {key::kParams, std::move(params)}};
     }
 
     // Node parameters are saved by name, so the name must find the node again.
@@ -299,7 +302,7 @@ private:
         const fs::path abs = fs::absolute(source.file).lexically_normal();
         fs::path rel = abs.lexically_relative(folder_);
         if (rel.empty()) rel = abs;
-        return ojson{{"file", rel.generic_string()}, {"node", source.nodeIndex}};
+        return ojson{{key::kFile, rel.generic_string()}, {key::kNode, source.nodeIndex}};
     }
 
     static ojson inlineMeshJson(const Mesh& mesh) {
@@ -312,8 +315,8 @@ private:
             faces.push_back(std::move(jf));
         }
         ojson j = ojson::object();
-        j["verts"] = std::move(verts);
-        j["faces"] = std::move(faces);
+        j[key::kVerts] = std::move(verts);
+        j[key::kFaces] = std::move(faces);
 
         ojson maps = ojson::object();
         for (int ch = 0; ch < MAX_MESHMAPS; ++ch) {
@@ -323,9 +326,10 @@ private:
             for (const Point3& p : map.verts) mv.push_back(point3ToJson<ojson>(p));
             ojson mf = ojson::array();
             for (const TVFace& f : map.faces) mf.push_back(ojson::array({f.t[0], f.t[1], f.t[2]}));
-            maps[std::to_string(ch)] = ojson{{"verts", std::move(mv)}, {"faces", std::move(mf)}};
+            maps[std::to_string(ch)] =
+                ojson{{key::kVerts, std::move(mv)}, {key::kFaces, std::move(mf)}};
         }
-        if (!maps.empty()) j["maps"] = std::move(maps);
+        if (!maps.empty()) j[key::kMaps] = std::move(maps);
 
         // Computed normals are rebuilt on load; only explicit ones are data.
         if (const MeshNormalSpec* given = mesh.GetSpecifiedNormals();
@@ -338,7 +342,8 @@ private:
                 nf.push_back(ojson::array({given->GetNormalIndex(f, 0), given->GetNormalIndex(f, 1),
                                            given->GetNormalIndex(f, 2)}));
             }
-            j["normals"] = ojson{{"normals", std::move(pool)}, {"faces", std::move(nf)}};
+            j[key::kNormals] =
+                ojson{{key::kNormals, std::move(pool)}, {key::kFaces, std::move(nf)}};
         }
         return j;
     }
