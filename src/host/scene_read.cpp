@@ -173,14 +173,19 @@ private:
         }
         try {
             return json::parse(content);
-        } catch (const json::parse_error& e) {
+        } catch (const json::exception& e) {
             // Keep the parser's "parse error at line L, column C: ..." without its prefix.
             std::string msg = e.what();
             if (const size_t p = msg.find("] ");
                 msg.rfind("[json.exception", 0) == 0 && p != std::string::npos) {
                 msg = msg.substr(p + 2);
             }
-            fail("", "not valid JSON (byte " + std::to_string(e.byte) + "): " + msg);
+            // A number beyond a double's range (1e400) is no parse error and has no byte.
+            const auto* parseError = dynamic_cast<const json::parse_error*>(&e);
+            fail("", "not valid JSON" +
+                         (parseError ? " (byte " + std::to_string(parseError->byte) + ")"
+                                     : std::string()) +
+                         ": " + msg);
         }
     }
 

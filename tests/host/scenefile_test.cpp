@@ -420,6 +420,8 @@ TEST_F(SceneFileTest, UnreadableTruncatedAndTooDeepFilesNameTheFileAndWhy) {
         {dir.write("broken.mosaiq", "{\n  \"format\": \"mosaiq-scene\",\n  \"version\": 1,,\n}"),
          "not valid JSON"},
         {dir.write("empty.mosaiq", ""), "not valid JSON"},
+        {dir.write("overflow.mosaiq", "{\"format\": \"mosaiq-scene\", \"version\": 1e400}"),
+         "not valid JSON: number overflow"},
         {dir.write("array.mosaiq", "[1, 2]"), "expected an object"},
         // Too deep for the node tree, for the JSON parser, and deep JSON in a
         // section whose contents are the renderer's.
