@@ -2,19 +2,12 @@
 // line, written through a temporary file and a rename.
 #include "host/scene_layout.h"
 
+#include "host/atomic_file.h"
 #include "host/classdesc.h"
 #include "host/object.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -355,77 +348,6 @@ private:
     std::unordered_map<std::string, int> nameCount_;
 };
 
-// Six characters unlikely to repeat across processes and calls; O_EXCL
-// settles any clash. Needs no file descriptor, unlike std::random_device.
-std::string randomSuffix() {
-    static constexpr char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-    static std::atomic<uint64_t> counter{0};
-    uint64_t x = uint64_t(::getpid()) << 32 ^
-                 uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                 (counter.fetch_add(1) * 0x9E3779B97F4A7C15ull);
-    // splitmix64 finaliser
-    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-    x ^= x >> 31;
-    std::string s;
-    for (int i = 0; i < 6; ++i, x /= 36) s += kChars[x % 36];
-    return s;
-}
-
-// Write text to a fresh file beside target, then rename it over target.
-void writeAtomically(const fs::path& target, const std::string& text) {
-    const std::string name = target.string();
-    auto fail = [&](const std::string& reason) { throw SceneError(name, "", reason); };
-    std::error_code ec;
-    if (fs::is_directory(target, ec)) fail("is a folder");
-    const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-    if (!fs::is_directory(folder, ec)) fail("folder " + folder.string() + " does not exist");
-
-    std::string tmp;
-    int fd = -1;
-    // A name near the length limit gets a short temporary name in the same folder.
-    bool shortName = false;
-    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-        tmp = (shortName ? (folder / ".mosaiq").string() : name) + ".tmp-" + randomSuffix();
-        fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno == ENAMETOOLONG && !shortName) {
-            shortName = true;
-        } else if (fd < 0 && errno != EEXIST) {
-            fail("cannot create temporary file " + tmp + ": " + std::strerror(errno));
-        }
-    }
-    if (fd < 0) fail("cannot create a temporary file beside it");
-
-    auto abandon = [&](const std::string& what) {
-        const int err = errno;
-        if (fd >= 0) ::close(fd);
-        ::unlink(tmp.c_str());
-        fail(what + " " + tmp + ": " + std::strerror(err));
-    };
-    // A replaced file keeps its permissions.
-    struct stat st {};
-    if (::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode)) ::fchmod(fd, st.st_mode & 07777);
-
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            abandon("cannot write");
-        }
-        done += size_t(n);
-    }
-    if (::fsync(fd) != 0) abandon("cannot flush");
-    const int closed = ::close(fd);
-    fd = -1;
-    if (closed != 0) abandon("cannot close");
-    if (::rename(tmp.c_str(), name.c_str()) != 0) {
-        const int err = errno;
-        ::unlink(tmp.c_str());
-        fail("cannot replace it with " + tmp + ": " + std::strerror(err));
-    }
-}
-
 }  // namespace
 
 void saveScene(const Scene& scene, const fs::path& file) {
@@ -440,7 +362,11 @@ void saveScene(const Scene& scene, const fs::path& file) {
                              std::string("cannot encode the scene: ") + e.what());
         }
     }
-    writeAtomically(file, text);
+    try {
+        writeFileAtomically(file, text);
+    } catch (const FileWriteError& e) {
+        throw SceneError(file.string(), "", e.reason());
+    }
 }
 
 json paramValueToJson(const ParamBlock& pb, const ParamDef& def) {
