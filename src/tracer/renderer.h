@@ -116,9 +116,9 @@ Image renderImage(Scene& scene, const RenderSettings& settings, int frame = 0);
 
 // Write an image, choosing the format from the extension: .png and .jpg/.jpeg
 // as 8-bit sRGB, .exr as float with the passes as layers (normal, depth,
-// objectId, uv) and `metadata` as string attributes. Written to a temporary file
-// beside the target and renamed over it, so a failure never leaves a partial
-// file under `path`. Throws RenderError naming the file.
+// objectId, uv) and `metadata` as string attributes. Written through
+// writeFileAtomically (host/atomic_file.h), so a failure never leaves a
+// partial file under `path`. Throws RenderError naming the file.
 void writeImage(const std::filesystem::path& path, const Image& image,
                 const std::vector<std::pair<std::string, std::string>>& metadata = {});
 
