@@ -2,19 +2,45 @@
 // scenes, and checking an output before any work is done.
 #include "cli.h"
 
+#include "host/atomic_file.h"
 #include "host/scenefile.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 
 namespace mosaiq::cli {
 
+namespace {
+
+// Installed with SA_RESETHAND: the signal raised again, once the handler
+// returns, ends the process as it would have.
+extern "C" void onFatalSignal(int signal) {
+    mq::removeTemporaryFiles();
+    ::raise(signal);
+}
+
+}  // namespace
+
 void printWarning(const std::string& text) { std::cerr << "mosaiq: warning: " << text << "\n"; }
+
+void removeTemporariesOnSignal() {
+    struct sigaction sa {};
+    sa.sa_handler = onFatalSignal;
+    sa.sa_flags = SA_RESETHAND;
+    sigemptyset(&sa.sa_mask);
+    // A signal ignored from the start (nohup, a background job) stays ignored.
+    for (int signal : {SIGINT, SIGTERM}) {
+        struct sigaction old {};
+        if (sigaction(signal, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
+            sigaction(signal, &sa, nullptr);
+    }
+}
 
 void checkWritable(const std::filesystem::path& out, const std::string& what) {
     namespace fs = std::filesystem;

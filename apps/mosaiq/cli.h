@@ -33,6 +33,11 @@ private:
 
 void printWarning(const std::string& text);
 
+// From here on SIGINT and SIGTERM first remove the temporary files of writes
+// in flight, then end the process as they would have. The render command
+// handles them itself while it runs.
+void removeTemporariesOnSignal();
+
 // Make file the host's scene; CliError(kExitInput) when it cannot be read.
 void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file);
 // Save; CliError(kExitOutput) when it cannot be written.

@@ -126,6 +126,7 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    removeTemporariesOnSignal();
     try {
         // The host exists before any plug-in, so objects see how it runs.
         mq::HostInterface ip;
