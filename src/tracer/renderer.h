@@ -111,6 +111,17 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// Checks what a render reads from the scene, as renderBegin and renderFrame
+// read it: the materials, the lights, the camera and the "render" settings.
+// Colours and intensities must be finite and >= 0, the other numbers finite
+// and within their ranges. The images materials and lights name are not
+// loaded; renderBegin still reports those that cannot be read. Throws
+// InputError whose what() names the JSON path and the value
+// ("/lights/0/color/2: expected a finite number >= 0, found -2"). Every
+// command that loads a scene calls it, so all of them refuse a scene that
+// would not render, with the same message.
+void checkRenderData(const Scene& scene);
+
 // One frame of a scene with its own settings: renderBegin, renderFrame, renderEnd.
 Image renderImage(Scene& scene, const RenderSettings& settings, int frame = 0);
 
