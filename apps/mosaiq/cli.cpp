@@ -1,9 +1,11 @@
-// The helpers every mosaiq command shares: warnings, loading and saving
-// scenes, and checking an output before any work is done.
+// The helpers every mosaiq command shares: warnings, signals, loading
+// (and checking) and saving scenes, and checking an output before any work
+// is done.
 #include "cli.h"
 
 #include "host/atomic_file.h"
 #include "host/scenefile.h"
+#include "tracer/renderer.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -67,6 +69,17 @@ void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
         mq::loadScene(ip, file);
     } catch (const mq::SceneError& e) {
         throw CliError(kExitInput, e.what());
+    }
+    // Every command refuses what render would, so inspect never passes a
+    // scene that render then refuses.
+    checkRenderDataOrFail(ip.scene(), file.string());
+}
+
+void checkRenderDataOrFail(const mq::Scene& scene, const std::string& what) {
+    try {
+        mq::tracer::checkRenderData(scene);
+    } catch (const mq::tracer::InputError& e) {
+        throw CliError(kExitInput, what + ": " + e.what());
     }
 }
 
