@@ -22,9 +22,9 @@ namespace {
 
 // Installed with SA_RESETHAND: the signal raised again, once the handler
 // returns, ends the process as it would have.
-extern "C" void onFatalSignal(int signal) {
+extern "C" void onFatalSignal(int signalNumber) {
     mq::removeTemporaryFiles();
-    ::raise(signal);
+    ::raise(signalNumber);
 }
 
 }  // namespace
@@ -37,10 +37,10 @@ void removeTemporariesOnSignal() {
     sa.sa_flags = SA_RESETHAND;
     sigemptyset(&sa.sa_mask);
     // A signal ignored from the start (nohup, a background job) stays ignored.
-    for (int signal : {SIGINT, SIGTERM}) {
+    for (int signalNumber : {SIGINT, SIGTERM}) {
         struct sigaction old {};
-        if (sigaction(signal, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
-            sigaction(signal, &sa, nullptr);
+        if (sigaction(signalNumber, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
+            sigaction(signalNumber, &sa, nullptr);
     }
 }
 
