@@ -1,20 +1,48 @@
-// The helpers every mosaiq command shares: warnings, loading and saving
-// scenes, and checking an output before any work is done.
+// The helpers every mosaiq command shares: warnings, signals, loading
+// (and checking) and saving scenes, and checking an output before any work
+// is done.
 #include "cli.h"
 
+#include "host/atomic_file.h"
 #include "host/scenefile.h"
+#include "tracer/renderer.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 
 namespace mosaiq::cli {
 
+namespace {
+
+// Installed with SA_RESETHAND: the signal raised again, once the handler
+// returns, ends the process as it would have.
+extern "C" void onFatalSignal(int signalNumber) {
+    mq::removeTemporaryFiles();
+    ::raise(signalNumber);
+}
+
+}  // namespace
+
 void printWarning(const std::string& text) { std::cerr << "mosaiq: warning: " << text << "\n"; }
+
+void removeTemporariesOnSignal() {
+    struct sigaction sa {};
+    sa.sa_handler = onFatalSignal;
+    sa.sa_flags = SA_RESETHAND;
+    sigemptyset(&sa.sa_mask);
+    // A signal ignored from the start (nohup, a background job) stays ignored.
+    for (int signalNumber : {SIGINT, SIGTERM}) {
+        struct sigaction old {};
+        if (sigaction(signalNumber, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
+            sigaction(signalNumber, &sa, nullptr);
+    }
+}
 
 void checkWritable(const std::filesystem::path& out, const std::string& what) {
     namespace fs = std::filesystem;
@@ -41,6 +69,17 @@ void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
         mq::loadScene(ip, file);
     } catch (const mq::SceneError& e) {
         throw CliError(kExitInput, e.what());
+    }
+    // Every command refuses what render would, so inspect never passes a
+    // scene that render then refuses.
+    checkRenderDataOrFail(ip.scene(), file.string());
+}
+
+void checkRenderDataOrFail(const mq::Scene& scene, const std::string& what) {
+    try {
+        mq::tracer::checkRenderData(scene);
+    } catch (const mq::tracer::InputError& e) {
+        throw CliError(kExitInput, what + ": " + e.what());
     }
 }
 

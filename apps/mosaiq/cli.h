@@ -33,8 +33,18 @@ private:
 
 void printWarning(const std::string& text);
 
-// Make file the host's scene; CliError(kExitInput) when it cannot be read.
+// From here on SIGINT and SIGTERM first remove the temporary files of writes
+// in flight, then end the process as they would have. The render command
+// handles them itself while it runs.
+void removeTemporariesOnSignal();
+
+// Make file the host's scene; CliError(kExitInput) when it cannot be read or
+// render would refuse it (see checkRenderDataOrFail).
 void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file);
+// CliError(kExitInput), prefixed with what, unless the scene's materials,
+// lights, camera and render settings are fit to render
+// (mq::tracer::checkRenderData).
+void checkRenderDataOrFail(const mq::Scene& scene, const std::string& what);
 // Save; CliError(kExitOutput) when it cannot be written.
 void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file);
 

@@ -320,6 +320,8 @@ void runImport(mq::HostInterface& ip, const ImportOptions& opt) {
                                            ? "cannot merge: " + why
                                            : "cannot merge " + file + ": " + why);
         }
+        // Merged scenes bring their materials along.
+        checkRenderDataOrFail(ip.scene(), "cannot merge " + file);
         std::string names;
         for (int i = before; i < root->NumberOfChildren(); ++i) {
             names += (names.empty() ? "" : ", ") + root->GetChildNode(i)->GetName();

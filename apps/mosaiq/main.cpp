@@ -2,6 +2,7 @@
 // runs the command and turns every failure into a message and an exit code.
 #include "cli.h"
 
+#include "host/check.h"
 #include "host/plugins.h"
 #include "host/scenefile.h"
 
@@ -126,6 +127,10 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    removeTemporariesOnSignal();
+    // The command handler's boundary: a CliError carries its exit code;
+    // anything else is a fault of this program.
+    MQ_BOUNDARY_BEGIN
     try {
         // The host exists before any plug-in, so objects see how it runs.
         mq::HostInterface ip;
@@ -147,9 +152,10 @@ int main(int argc, char** argv) {
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
         return e.code();
-    } catch (const std::exception& e) {
-        std::cerr << "mosaiq: error: internal error: " << e.what() << "\n";
-        return 1;
     }
     return kExitOk;
+    MQ_BOUNDARY_END([](const std::string& what) {
+        std::cerr << "mosaiq: error: internal error: " << what << "\n";
+    })
+    return 1;
 }

@@ -1,9 +1,10 @@
 // mosaiq preview: the top-view preview texture of a Mosaiq node's tile, as
 // the object's "Make Preview Texture" button makes it, or of a pattern file
-// on its own. The image goes to a temporary name first and is renamed into
-// place, so a failure never leaves a partial file under the final name.
+// on its own. The image is written atomically (host/atomic_file.h), so a
+// failure never leaves a partial file under the final name.
 #include "cli.h"
 
+#include "host/atomic_file.h"
 #include "host/classdesc.h"
 #include "host/node.h"
 #include "host/object.h"
@@ -12,15 +13,10 @@
 
 #include <OpenImageIO/imageio.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -127,25 +123,17 @@ void writeWith(const fs::path& file, const std::string& ext, const mq::PreviewIm
     if (!ok || !out->close()) throw std::runtime_error(out->geterror());
 }
 
-// Write beside the target under a temporary name (keeping the extension,
-// by which OpenImageIO picks the format), then rename it into place.
+// Written atomically; the temporary keeps the extension, by which
+// OpenImageIO picks the format.
 void writePreview(const fs::path& path, const mq::PreviewImage& image) {
     const std::string ext = lowerExtension(path);
-    const fs::path tmp =
-        path.parent_path() / ("." + path.stem().string() + ".tmp" + std::to_string(getpid()) +
-                              path.extension().string());
-    std::error_code ec;
     try {
-        writeWith(tmp, ext, image);
-    } catch (const std::exception& e) {
-        fs::remove(tmp, ec);
+        mq::writeFileAtomically(
+            path, [&](const fs::path& temporary) { writeWith(temporary, ext, image); });
+    } catch (const mq::FileWriteError& e) {
+        throw CliError(kExitOutput, e.what());
+    } catch (const std::runtime_error& e) {
         throw CliError(kExitOutput, path.string() + ": " + e.what());
-    }
-    fs::rename(tmp, path, ec);
-    if (ec) {
-        std::error_code ignored;
-        fs::remove(tmp, ignored);
-        throw CliError(kExitOutput, path.string() + ": " + ec.message());
     }
 }
 

@@ -1,13 +1,15 @@
 // mosaiq render: renders a scene file, or the built-in demo scene, with the
 // embedded path tracer. Settings come from the scene's "render" section,
 // then -D, then the options. Every output path is checked before the first
-// sample is traced; Ctrl-C stops the render and leaves no file behind.
+// sample is traced; Ctrl-C stops the render and leaves no file behind: an
+// image being written when it comes is abandoned, and what was under its
+// name stays.
 #include "cli.h"
 
+#include "host/atomic_file.h"
 #include "host/node.h"
 #include "tracer/renderer.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,7 +33,12 @@ namespace {
 
 volatile std::sig_atomic_t gInterrupted = 0;
 
-extern "C" void onInterrupt(int) { gInterrupted = 1; }
+// The render stops at its next progress report; a write in flight loses its
+// temporary file, so it fails instead of replacing the output.
+extern "C" void onInterrupt(int) {
+    gInterrupted = 1;
+    mq::removeTemporaryFiles();
+}
 
 // Thrown from the progress callback to unwind the render on a Ctrl-C.
 struct Interrupted {};
@@ -119,12 +126,6 @@ fs::path frameOutput(const fs::path& out, int frame, bool numbered) {
     fs::path p = out;
     p.replace_filename(out.stem().string() + digits + out.extension().string());
     return p;
-}
-
-// The temporary name the tracer writes beside target before renaming it.
-fs::path tracerTemporary(const fs::path& target) {
-    return target.parent_path() / ("." + target.stem().string() + ".tmp" +
-                                   std::to_string(getpid()) + target.extension().string());
 }
 
 void checkExtension(const fs::path& out) {
@@ -271,7 +272,6 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
         checkWritable(frameOutput(out, f, numbered), "an image");
 
     Progress progress(opt.quiet, ::isatty(STDERR_FILENO) == 1);
-    fs::path writing;  // the output being written, for cleanup on an interrupt
     try {
         mq::tracer::Renderer renderer(scene, settings);
         renderer.setWarningSink([](const std::string& w) { printWarning(w); });
@@ -298,26 +298,20 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
 
             if (!opt.pass.empty()) showPass(img, opt.pass);
 
-            writing = frameOutput(out, f, numbered);
+            const fs::path frameFile = frameOutput(out, f, numbered);
             try {
                 mq::tracer::writeImage(
-                    writing, img,
+                    frameFile, img,
                     {{"Software", "mosaiq " MOSAIQ_VERSION}, {"mosaiq:frame", std::to_string(f)}});
             } catch (const mq::tracer::RenderError& e) {
+                if (gInterrupted) throw Interrupted{};
                 throw CliError(kExitOutput, e.what());
             }
-            if (!opt.quiet) std::cout << "wrote " << writing.string() << "\n";
-            writing.clear();
+            if (!opt.quiet) std::cout << "wrote " << frameFile.string() << "\n";
             if (gInterrupted) throw Interrupted{};
         }
         renderer.renderEnd();
     } catch (const Interrupted&) {
-        // The tracer writes to a temporary and renames; remove the temporary
-        // in case the signal came while it was being written.
-        if (!writing.empty()) {
-            std::error_code ec;
-            fs::remove(tracerTemporary(writing), ec);
-        }
         std::cerr << "\nmosaiq: interrupted; no image written for the unfinished frame\n";
         return kExitInterrupted;
     } catch (const mq::tracer::InputError& e) {

@@ -6,9 +6,9 @@
 // but a fixed buffer. Both formats are Y-up: (x, y, z) is written (x, z, -y).
 #include "host/export.h"
 
-#include <nlohmann/json.hpp>
+#include "host/atomic_file.h"
 
-#include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -22,7 +22,6 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 namespace mq {
@@ -338,37 +337,21 @@ void exportMesh(const Mesh& mesh, const fs::path& file) {
              "unsupported mesh format \"" + file.extension().string() + "\" (use .obj or .glb)");
     }
     if (mesh.faces.empty()) fail(file, "the mesh has no triangles to write");
-    std::error_code ec;
-    if (fs::is_directory(file, ec)) fail(file, "is a folder, not a mesh file");
-    const fs::path dir = file.parent_path().empty() ? fs::path(".") : file.parent_path();
-    if (!fs::is_directory(dir, ec)) fail(file, "folder " + dir.string() + " does not exist");
     const Channels ch = channelsOf(mesh, file);
-
-    // Beside the target, so that the rename stays on one file system.
-    const fs::path temporary =
-        dir / ("." + file.filename().string() + ".tmp" + std::to_string(::getpid()));
-    std::string why;
     try {
-        Writer out(temporary);
-        if (!out.error().empty())
-            fail(file, "cannot write in " + dir.string() + ": " + out.error());
-        if (lowerExtension(file) == ".glb") {
-            writeGlb(mesh, ch, file.stem().string(), out, file);
-        } else {
-            writeObj(mesh, ch, file.stem().string(), out);
-        }
-        why = out.finish();
-    } catch (...) {
-        fs::remove(temporary, ec);
-        throw;
-    }
-    if (why.empty()) {
-        fs::rename(temporary, file, ec);
-        if (ec) why = ec.message();
-    }
-    if (!why.empty()) {
-        fs::remove(temporary, ec);
-        fail(file, "cannot write: " + why);
+        writeFileAtomically(file, [&](const fs::path& temporary) {
+            Writer out(temporary);
+            if (!out.error().empty()) fail(file, "cannot write: " + out.error());
+            if (lowerExtension(file) == ".glb") {
+                writeGlb(mesh, ch, file.stem().string(), out, file);
+            } else {
+                writeObj(mesh, ch, file.stem().string(), out);
+            }
+            if (const std::string why = out.finish(); !why.empty())
+                fail(file, "cannot write: " + why);
+        });
+    } catch (const FileWriteError& e) {
+        throw ExportError(e.what());
     }
 }
 

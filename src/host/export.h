@@ -19,8 +19,8 @@ public:
 // UVs of map channel 1 when the mesh has them. Both formats are Y-up, so the
 // Z-up positions and normals are turned (x, y, z) -> (x, z, -y): reading the
 // file back with importMeshFile gives the same world positions. The file is
-// written under a temporary name beside it and renamed, so a failure never
-// leaves a partial file under the final name and keeps what was there.
+// written through writeFileAtomically (host/atomic_file.h), so a failure
+// never leaves a partial file under the final name and keeps what was there.
 // Throws ExportError for an empty mesh, an unknown extension or a failed
 // write; may throw std::bad_alloc.
 void exportMesh(const Mesh& mesh, const std::filesystem::path& file);

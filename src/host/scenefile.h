@@ -45,8 +45,8 @@ std::unique_ptr<Scene> readSceneFile(const std::filesystem::path& file, ILoad& i
 // the host keeps its scene. Throws SceneError.
 void loadScene(HostInterface& ip, const std::filesystem::path& file);
 
-// Write the scene: a temporary file beside it, then a rename, so a failed
-// save leaves any earlier file whole. Mesh assets are referred to relative
+// Write the scene through writeFileAtomically (host/atomic_file.h), so a
+// failed save leaves any earlier file whole. Mesh assets are referred to relative
 // to the file's folder. Throws SceneError.
 void saveScene(const Scene& scene, const std::filesystem::path& file);
 

@@ -1,12 +1,12 @@
-// Image output through OpenImageIO, written to a temporary name and renamed.
+// Image output through OpenImageIO, written atomically (host/atomic_file.h).
 #include "tracer/renderer.h"
+
+#include "host/atomic_file.h"
 
 #include <OpenImageIO/imageio.h>
 
-#include <unistd.h>
 #include <algorithm>
 #include <cmath>
-#include <system_error>
 
 namespace mq::tracer {
 
@@ -89,26 +89,15 @@ void writeImage(const std::filesystem::path& path, const Image& image,
         image.rgba.size() != size_t(image.width) * image.height * 4) {
         throw RenderError(path.string() + ": no image to write");
     }
-    // The temporary keeps the extension: OpenImageIO picks the format by it.
-    std::string tmpName = ".";
-    tmpName.append(path.stem().string())
-        .append(".tmp")
-        .append(std::to_string(getpid()))
-        .append(ext);
-    const std::filesystem::path tmp = path.parent_path() / tmpName;
+    // The temporary keeps the extension, by which OpenImageIO picks the format.
     try {
-        writeWith(tmp, ext, image, metadata);
+        writeFileAtomically(path, [&](const std::filesystem::path& temporary) {
+            writeWith(temporary, ext, image, metadata);
+        });
+    } catch (const FileWriteError& e) {
+        throw RenderError(e.what());
     } catch (const RenderError& e) {
-        std::error_code ec;
-        std::filesystem::remove(tmp, ec);
         throw RenderError(path.string() + ": " + e.what());
-    }
-    std::error_code ec;
-    std::filesystem::rename(tmp, path, ec);
-    if (ec) {
-        std::error_code ignored;
-        std::filesystem::remove(tmp, ignored);
-        throw RenderError(path.string() + ": " + ec.message());
     }
 }
 

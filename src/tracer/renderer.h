@@ -111,14 +111,25 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// Checks what a render reads from the scene, as renderBegin and renderFrame
+// read it: the materials, the lights, the camera and the "render" settings.
+// Colours and intensities must be finite and >= 0, the other numbers finite
+// and within their ranges. The images materials and lights name are not
+// loaded; renderBegin still reports those that cannot be read. Throws
+// InputError whose what() names the JSON path and the value
+// ("/lights/0/color/2: expected a finite number >= 0, found -2"). Every
+// command that loads a scene calls it, so all of them refuse a scene that
+// would not render, with the same message.
+void checkRenderData(const Scene& scene);
+
 // One frame of a scene with its own settings: renderBegin, renderFrame, renderEnd.
 Image renderImage(Scene& scene, const RenderSettings& settings, int frame = 0);
 
 // Write an image, choosing the format from the extension: .png and .jpg/.jpeg
 // as 8-bit sRGB, .exr as float with the passes as layers (normal, depth,
-// objectId, uv) and `metadata` as string attributes. Written to a temporary file
-// beside the target and renamed over it, so a failure never leaves a partial
-// file under `path`. Throws RenderError naming the file.
+// objectId, uv) and `metadata` as string attributes. Written through
+// writeFileAtomically (host/atomic_file.h), so a failure never leaves a
+// partial file under `path`. Throws RenderError naming the file.
 void writeImage(const std::filesystem::path& path, const Image& image,
                 const std::vector<std::pair<std::string, std::string>>& metadata = {});
 

@@ -1,14 +1,23 @@
-// Materials, BSDF, lights and camera.
+// Materials, BSDF, lights and camera, and the check of a scene's render data
+// built on their parsers.
 #include "tracer/shading.h"
 
+#include "host/node.h"
 #include "tracer/renderer.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <limits>
 
 namespace mq::tracer {
 
 namespace {
+
+using json = nlohmann::json;
+using WarnFn = std::function<void(const std::string&)>;
+
+constexpr float kMaxFloat = std::numeric_limits<float>::max();
 
 float luminance(const Point3& c) { return 0.2126f * c.x + 0.7152f * c.y + 0.0722f * c.z; }
 
@@ -16,29 +25,47 @@ float luminance(const Point3& c) { return 0.2126f * c.x + 0.7152f * c.y + 0.0722
     throw InputError(path + ": " + what);
 }
 
-float number(const nlohmann::json& j, const char* key, float def, const std::string& path,
-             float lo = -1e30f, float hi = 1e30f) {
-    if (!j.contains(key)) return def;
-    const auto& v = j[key];
-    if (!v.is_number()) fail(path + "/" + key, "expected a number, found " + v.dump());
-    const float f = v.get<float>();
-    if (!(f >= lo && f <= hi)) {
-        fail(path + "/" + key, "value " + v.dump() + " outside [" + std::to_string(lo) + ", " +
-                                   std::to_string(hi) + "]");
-    }
-    return f;
+std::string shortText(float f) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", double(f));
+    return buf;
 }
 
-Point3 vec3(const nlohmann::json& j, const char* key, Point3 def, const std::string& path) {
+// The number v as a float within [lo, hi]; failures name path and the value.
+float numberAt(const json& v, const std::string& path, float lo, float hi) {
+    if (!v.is_number()) fail(path, "expected a number, found " + v.dump());
+    const double d = v.get<double>();
+    if (std::fabs(d) > double(kMaxFloat)) fail(path, v.dump() + " is beyond single precision");
+    if (!(d >= lo && d <= hi)) {
+        const std::string expected =
+            hi < kMaxFloat    ? "a number in [" + shortText(lo) + ", " + shortText(hi) + "]"
+            : lo > -kMaxFloat ? "a finite number >= " + shortText(lo)
+                              : "a finite number";
+        fail(path, "expected " + expected + ", found " + v.dump());
+    }
+    return float(d);
+}
+
+float number(const json& j, const char* key, float def, const std::string& path,
+             float lo = -kMaxFloat, float hi = kMaxFloat) {
+    if (!j.contains(key)) return def;
+    return numberAt(j[key], path + "/" + key, lo, hi);
+}
+
+// Three numbers, each at least lo.
+Point3 vec3(const json& j, const char* key, Point3 def, const std::string& path,
+            float lo = -kMaxFloat) {
     if (!j.contains(key)) return def;
     const auto& v = j[key];
-    if (!v.is_array() || v.size() != 3 || !v[0].is_number() || !v[1].is_number() ||
-        !v[2].is_number()) {
-        fail(path + "/" + key, "expected three numbers, found " + v.dump());
-    }
-    const Point3 p{v[0].get<float>(), v[1].get<float>(), v[2].get<float>()};
-    if (!isFinite(p)) fail(path + "/" + key, "not finite");
-    return p;
+    const std::string at = path + "/" + key;
+    if (!v.is_array() || v.size() != 3) fail(at, "expected three numbers, found " + v.dump());
+    return {numberAt(v[0], at + "/0", lo, kMaxFloat), numberAt(v[1], at + "/1", lo, kMaxFloat),
+            numberAt(v[2], at + "/2", lo, kMaxFloat)};
+}
+
+// Colours and radiances are never negative.
+Point3 colour(const json& j, const char* key, Point3 def, const std::string& path) {
+    return vec3(j, key, def, path, 0.0f);
 }
 
 }  // namespace
@@ -203,8 +230,12 @@ float hitSphereLight(const Light& l, const Point3& origin, const Point3& dir) {
     return t0 > 0.0f ? t0 : (-b + sq > 0.0f ? -b + sq : -1.0f);
 }
 
-Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
-                       const std::function<void(const std::string&)>& warn) {
+namespace {
+
+// The parsers proper; without assets, image names are checked but no image is
+// loaded.
+Material materialFrom(const json& j, const std::string& name, AssetCache* assets,
+                      const WarnFn& warn) {
     const std::string path = "/materials/" + name;
     if (!j.is_object()) fail(path, "expected an object, found " + j.dump());
     Material m;
@@ -228,17 +259,17 @@ Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCa
             if (key != "texture" && key != "channel" && warn) warn(at + "/" + key + ": ignored");
         }
         try {
-            m.baseColorTexture = &assets.texture(t["texture"].get<std::string>());
+            if (assets) m.baseColorTexture = &assets->texture(t["texture"].get<std::string>());
         } catch (const InputError& e) {
             fail(at + "/texture", "texture of material \"" + name + "\": " + e.what());
         }
     } else {
-        m.baseColor = vec3(j, "baseColor", m.baseColor, path);
+        m.baseColor = colour(j, "baseColor", m.baseColor, path);
     }
     m.roughness = number(j, "roughness", m.roughness, path, 0.0f, 1.0f);
     m.metallic = number(j, "metallic", m.metallic, path, 0.0f, 1.0f);
     m.specular = number(j, "specular", m.specular, path, 0.0f, 1.0f);
-    m.emission = vec3(j, "emission", m.emission, path);
+    m.emission = colour(j, "emission", m.emission, path);
     if (j.contains("baseColorTexture") && warn) {
         warn(path +
              "/baseColorTexture: ignored; an image base colour is written as "
@@ -247,7 +278,7 @@ Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCa
     return m;
 }
 
-std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets) {
+std::vector<Light> lightsFrom(const json& lights, AssetCache* assets) {
     std::vector<Light> out;
     if (!lights.is_null() && !lights.is_array()) fail("/lights", "expected an array");
     for (size_t i = 0; lights.is_array() && i < lights.size(); ++i) {
@@ -258,12 +289,12 @@ std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets)
         }
         const std::string type = j["type"].get<std::string>();
         Light l;
-        const Point3 color = vec3(j, "color", {1, 1, 1}, path);
+        const Point3 color = colour(j, "color", {1, 1, 1}, path);
         const float intensity = number(j, "intensity", 1.0f, path, 0.0f);
         if (type == "sun") {
             l.kind = Light::Kind::Sun;
             l.direction = Normalize(vec3(j, "direction", {0, 0, 1}, path));
-            if (LengthSquared(l.direction) == 0.0f) fail(path + "/direction", "zero vector");
+            if (!(LengthSquared(l.direction) > 0.0f)) fail(path + "/direction", "zero vector");
             const float angle = number(j, "angle", 0.53f, path, 0.0f, 90.0f);  // degrees, diameter
             l.cosMax = std::cos(0.5f * angle * kPi / 180.0f);
             // intensity is the irradiance on a surface facing the sun.
@@ -286,7 +317,7 @@ std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets)
                     fail(path + "/image", "expected an image file name, found " + file.dump());
                 }
                 try {
-                    l.image = &assets.environment(file.get<std::string>());
+                    if (assets) l.image = &assets->environment(file.get<std::string>());
                 } catch (const InputError& e) {
                     fail(path + "/image", std::string("dome image: ") + e.what());
                 }
@@ -307,6 +338,9 @@ std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets)
         } else {
             fail(path + "/type", "unknown light type \"" + type + "\"");
         }
+        // A bright colour times a large intensity (or over a tiny sun or sphere) can overflow.
+        if (!isFinite(l.color))
+            fail(path + "/intensity", "the light's radiance is beyond single precision");
         out.push_back(l);
     }
     if (out.empty()) {
@@ -321,6 +355,17 @@ std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets)
         out = {sky, sun};
     }
     return out;
+}
+
+}  // namespace
+
+Material parseMaterial(const json& j, const std::string& name, AssetCache& assets,
+                       const WarnFn& warn) {
+    return materialFrom(j, name, &assets, warn);
+}
+
+std::vector<Light> parseLights(const json& lights, AssetCache& assets) {
+    return lightsFrom(lights, &assets);
 }
 
 Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height) {
@@ -347,13 +392,30 @@ Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int he
     c.position = position;
     c.forward = Normalize(target - position);
     c.right = Normalize(CrossProd(c.forward, up));
-    if (LengthSquared(c.forward) == 0.0f || LengthSquared(c.right) == 0.0f) {
+    // Not above zero also catches NaN, from points so far apart that their
+    // difference overflows.
+    if (!(LengthSquared(c.forward) > 0.0f) || !(LengthSquared(c.right) > 0.0f)) {
         fail("/camera", "position, target and up do not define a view");
     }
     c.up = CrossProd(c.right, c.forward);
     c.tanHalfFovX = std::tan(0.5f * fovDeg * kPi / 180.0f);
     c.aspect = float(height) / float(width);
     return c;
+}
+
+// Declared in renderer.h; it lives beside the parsers it runs.
+void checkRenderData(const Scene& scene) {
+    RenderSettings settings;
+    try {
+        settings = RenderSettings::fromJson(scene.render);
+    } catch (const RenderError& e) {
+        throw InputError(e.what());
+    }
+    if (scene.materials.is_object()) {
+        for (const auto& [name, j] : scene.materials.items()) materialFrom(j, name, nullptr, {});
+    }
+    lightsFrom(scene.lights, nullptr);
+    makeCamera(scene.camera, Box3(), settings.width, settings.height);
 }
 
 }  // namespace mq::tracer

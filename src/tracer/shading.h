@@ -128,9 +128,12 @@ struct Camera {
     }
 };
 
-// Parsers for the scene's JSON sections. They throw InputError naming the
-// JSON path (and for images the file and the reason); `warn` gets values that
-// are accepted but ignored. Images are loaded through `assets`.
+// Parsers for the scene's JSON sections; checkRenderData (renderer.h) runs
+// them without loading images. They throw InputError naming the JSON path and
+// the value (and for images the file and the reason): colours, emission and
+// intensities must be finite and >= 0, and every number must fit a float.
+// `warn` gets values that are accepted but ignored. Images are loaded through
+// `assets`.
 Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
                        const std::function<void(const std::string&)>& warn);
 // Lights of the scene; a default sky dome and sun when there are none.

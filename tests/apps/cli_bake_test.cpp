@@ -5,10 +5,13 @@
 #include "support/cli_runner.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -89,6 +92,27 @@ TEST_F(BakeCli, BadRequestsExitWithTheirCodesAndWriteNothing) {
     EXPECT_EQ(r.code, 3) << r.err;
     EXPECT_NE(r.err.find("Mosaiq_pavers: frame 0: cannot bake: "), std::string::npos) << r.err;
     EXPECT_EQ(written(), std::vector<std::string>{"missing-pattern.mosaiq"});
+}
+
+TEST_F(BakeCli, ASignalDuringTheWriteKeepsTheOldFileAndLeavesNoTemporary) {
+    // The chain mail bakes to some 70 MB of .glb, long enough to be stopped
+    // once its temporary file shows.
+    const fs::path out = dir_.write("mail.glb", "old");
+    const pid_t pid = mq::test::startMosaiq(
+        {"bake", "examples/chainmail-sphere.mosaiq", "Mosaiq_chainmail", "-o", out.string()},
+        dir_.path(), MOSAIQ_SOURCE_DIR);
+    bool writing = false;
+    for (int i = 0; i < 60000 && !writing; ++i) {
+        for (const std::string& name : written())
+            writing = writing || name.find(".tmp-") != std::string::npos;
+        if (!writing) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    ::kill(pid, SIGTERM);
+    const Result r = mq::test::finishMosaiq(pid, dir_.path());
+    ASSERT_TRUE(writing) << "no temporary file appeared\n" << r.err;
+    EXPECT_EQ(r.code, 128 + SIGTERM) << r.err;
+    EXPECT_EQ(mq::test::readText(out), "old");
+    EXPECT_EQ(written(), std::vector<std::string>{"mail.glb"});
 }
 
 }  // namespace

@@ -241,4 +241,46 @@ TEST_F(CliTest, InputErrorsExitWithThreeAndOutputErrorsWithFour) {
     EXPECT_TRUE(fs::is_directory(path("folder.mosaiq")));
 }
 
+TEST_F(CliTest, EveryCommandRefusesASceneRenderWouldRefuseWithOneMessage) {
+    const fs::path scene = newScene();
+    json doc = json::parse(readText(scene));
+    doc["lights"] = json::array({{{"type", "sun"}, {"color", {1, 1, -2147483648LL}}}});
+    writeText(scene, doc.dump());
+    const std::string before = readText(scene), s = scene.string();
+    const std::string obj = writeObj("tile.obj", "Tile").string();
+    const std::string out = path("out").string();
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"inspect", s},
+             {"set", s, "Mosaiq001", "Height=5"},
+             {"crop", "reset", s, "Mosaiq001"},
+             {"render", s, "-o", out + ".png"},
+             {"preview", s, "Mosaiq001", "-o", out + ".png"},
+             {"bake", s, "Mosaiq001", "-o", out + ".glb"},
+             {"import", s, obj},
+         }) {
+        SCOPED_TRACE(args[0]);
+        const Result r = mosaiq(args);
+        EXPECT_EQ(r.code, 3);
+        EXPECT_EQ(r.err, "mosaiq: error: " + s +
+                             ": /lights/0/color/2: expected a finite number >= 0, found "
+                             "-2147483648\n");
+    }
+    EXPECT_EQ(readText(scene), before);
+
+    // A merged scene brings its materials along; they are checked as well.
+    json other = json::parse(before);
+    other["lights"] = json::array();
+    other["materials"] = {{"m", {{"roughness", -0.5}}}};
+    writeText(path("other.mosaiq"), other.dump());
+    const Result merged =
+        mosaiq({"import", path("merged.mosaiq").string(), path("other.mosaiq").string()});
+    EXPECT_EQ(merged.code, 3);
+    EXPECT_NE(merged.err.find("cannot merge " + path("other.mosaiq").string() +
+                              ": /materials/m/roughness: expected a number in [0, 1], found -0.5"),
+              std::string::npos)
+        << merged.err;
+    EXPECT_FALSE(fs::exists(path("merged.mosaiq")));
+    EXPECT_FALSE(fs::exists(path("out.png")) || fs::exists(path("out.glb")));
+}
+
 }  // namespace

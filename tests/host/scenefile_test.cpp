@@ -1,5 +1,6 @@
 #include "host/scenefile.h"
 
+#include "host/atomic_file.h"
 #include "host/classdesc.h"
 #include "host/hold.h"
 #include "host/interface.h"
@@ -420,6 +421,8 @@ TEST_F(SceneFileTest, UnreadableTruncatedAndTooDeepFilesNameTheFileAndWhy) {
         {dir.write("broken.mosaiq", "{\n  \"format\": \"mosaiq-scene\",\n  \"version\": 1,,\n}"),
          "not valid JSON"},
         {dir.write("empty.mosaiq", ""), "not valid JSON"},
+        {dir.write("overflow.mosaiq", "{\"format\": \"mosaiq-scene\", \"version\": 1e400}"),
+         "not valid JSON: number overflow"},
         {dir.write("array.mosaiq", "[1, 2]"), "expected an object"},
         // Too deep for the node tree, for the JSON parser, and deep JSON in a
         // section whose contents are the renderer's.
@@ -543,7 +546,7 @@ TEST_F(SceneFileTest, LoadSceneReplacesTheSceneOnlyWhenTheWholeFileReads) {
 // ---------------------------------------------------------------------------
 // Atomic saving
 
-TEST_F(SceneFileTest, FailedSaveLeavesTheOldFileWholeAndLongNamesSave) {
+TEST_F(SceneFileTest, FailedOrInterruptedWritesLeaveTheOldFileWholeAndLongNamesSave) {
     const fs::path file = dir / "scene.mosaiq";
     Scene scene;
     for (int i = 0; i < 20; ++i)
@@ -569,6 +572,29 @@ TEST_F(SceneFileTest, FailedSaveLeavesTheOldFileWholeAndLongNamesSave) {
         EXPECT_EQ(folderEntries(dir.path()), std::vector<std::string>{"scene.mosaiq"});
     }
     std::signal(SIGXFSZ, oldHandler);
+
+    // Any writer gets a temporary beside the file under its extension. One
+    // that throws, or a signal that removes the temporary midway (even if the
+    // writer makes it again), leaves the old file and nothing else.
+    struct WriterFailed {};
+    EXPECT_THROW(writeFileAtomically(file,
+                                     [&](const fs::path& tmp) {
+                                         EXPECT_EQ(tmp.parent_path(), file.parent_path());
+                                         EXPECT_EQ(tmp.extension(), ".mosaiq");
+                                         writeText(tmp, "half");
+                                         throw WriterFailed{};
+                                     }),
+                 WriterFailed);
+    auto oldUsr1 = std::signal(SIGUSR1, [](int) { removeTemporaryFiles(); });
+    EXPECT_THROW(writeFileAtomically(file,
+                                     [&](const fs::path& tmp) {
+                                         std::raise(SIGUSR1);
+                                         writeText(tmp, "new contents");
+                                     }),
+                 FileWriteError);
+    std::signal(SIGUSR1, oldUsr1);
+    EXPECT_EQ(readText(file), "old contents");
+    EXPECT_EQ(folderEntries(dir.path()), std::vector<std::string>{"scene.mosaiq"});
 
     // Once writing works again the file is replaced whole, keeping its permissions.
     const fs::perms perms = fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;

@@ -116,7 +116,7 @@ TEST(TracerRender, ImagesDoNotDependOnThreadsOrCrop) {
     EXPECT_GT(hi - lo, 0.1f);
 }
 
-TEST(TracerRender, SettingsAndSceneErrorsNameThePlace) {
+TEST(TracerRender, SettingsAndSceneErrorsNameThePlaceAndTheValue) {
     EXPECT_THROW(RenderSettings::fromJson({{"width", 0}}), RenderError);
     try {
         RenderSettings::fromJson({{"spp", "many"}});
@@ -125,14 +125,61 @@ TEST(TracerRender, SettingsAndSceneErrorsNameThePlace) {
         EXPECT_NE(std::string(e.what()).find("/render/spp"), std::string::npos);
     }
 
-    Scene scene;
-    addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 8)));
-    scene.lights = nlohmann::json::array({{{"type", "laser"}}});
-    try {
-        renderImage(scene, tiny(4, 1));
-        FAIL();
-    } catch (const RenderError& e) {
-        EXPECT_NE(std::string(e.what()).find("/lights/0/type"), std::string::npos);
+    // Each fault is refused by checkRenderData, and by the render itself with
+    // the same message.
+    using json = nlohmann::json;
+    const auto failure = [](const std::function<void()>& f) {
+        try {
+            f();
+        } catch (const InputError& e) {
+            return std::string(e.what());
+        }
+        return std::string("no InputError");
+    };
+    const struct {
+        const char* section;
+        json value;
+        std::string message;
+    } cases[] = {
+        {"lights", json::array({{{"type", "sun"}, {"color", {1, 1, -2147483648LL}}}}),
+         "/lights/0/color/2: expected a finite number >= 0, found -2147483648"},
+        {"lights", json::array({{{"type", "dome"}, {"intensity", -1}}}),
+         "/lights/0/intensity: expected a finite number >= 0, found -1"},
+        {"lights", json::array({{{"type", "point"}, {"color", {1e39, 0, 0}}}}),
+         "/lights/0/color/0: 1e+39 is beyond single precision"},
+        {"lights", json::array({{{"type", "sphere"}, {"radius", 1e-6}, {"intensity", 1e30}}}),
+         "/lights/0/intensity: the light's radiance is beyond single precision"},
+        {"lights", json::array({{{"type", "laser"}}}),
+         "/lights/0/type: unknown light type \"laser\""},
+        {"materials",
+         {{"m", {{"emission", {0, -0.5, 0}}}}},
+         "/materials/m/emission/1: expected a finite number >= 0, found -0.5"},
+        {"materials",
+         {{"m", {{"baseColor", {0.5, "red", 0}}}}},
+         "/materials/m/baseColor/1: expected a number, found \"red\""},
+        {"materials",
+         {{"m", {{"roughness", -0.5}}}},
+         "/materials/m/roughness: expected a number in [0, 1], found -0.5"},
+        {"camera", {{"fov", 0}}, "/camera/fov: expected a number in [0.1, 179], found 0"},
+        {"camera",
+         {{"position", {3e38, 0, 0}}, {"target", {-3e38, 0, 0}}},
+         "/camera: position, target and up do not define a view"},
+        {"render", {{"width", 0}}, "/render/width: expected an integer in [1, 65536], found 0"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        Scene scene;
+        addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 8)));
+        json* section = c.section == std::string("lights")      ? &scene.lights
+                        : c.section == std::string("materials") ? &scene.materials
+                        : c.section == std::string("camera")    ? &scene.camera
+                                                                : &scene.render;
+        *section = c.value;
+        EXPECT_EQ(failure([&] { checkRenderData(scene); }), c.message);
+        // The render takes its settings apart from the scene's section.
+        if (section != &scene.render) {
+            EXPECT_EQ(failure([&] { renderImage(scene, tiny(4, 1)); }), c.message);
+        }
     }
 }
 
