@@ -15,6 +15,7 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -149,12 +150,23 @@ struct ChannelBuilder {
     }
 };
 
+// Unit vector along (x, y, z), worked out in double so that neither huge nor
+// tiny finite components overflow or underflow; zero when there is no
+// direction to take.
+Point3 unitVector(double x, double y, double z) {
+    const double len = std::sqrt(x * x + y * y + z * z);
+    if (!(len > 0.0) || !std::isfinite(len)) return {};
+    return {static_cast<float>(x / len), static_cast<float>(y / len), static_cast<float>(z / len)};
+}
+
+Point3 unitVector(const Point3& p) { return unitVector(p.x, p.y, p.z); }
+
 // Normals that can be taken as they are: present, finite and not zero.
 bool usableNormals(const aiMesh& m) {
     if (!m.mNormals) return false;
     for (unsigned i = 0; i < m.mNumVertices; ++i) {
         const Point3 n = toPoint(m.mNormals[i]);
-        if (!isFinite(n) || LengthSquared(n) == 0.0f) return false;
+        if (!isFinite(n) || (n.x == 0.0f && n.y == 0.0f && n.z == 0.0f)) return false;
     }
     return true;
 }
@@ -211,7 +223,7 @@ std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, con
         const int normalBase = static_cast<int>(normals.size());
         if (ownNormals) {
             for (uint32_t i = 0; i < numVerts; ++i) {
-                normals.push_back(Normalize(toZUp.VectorTransform(toPoint(m->mNormals[i]))));
+                normals.push_back(unitVector(toZUp.VectorTransform(toPoint(m->mNormals[i]))));
             }
         }
 
@@ -264,15 +276,25 @@ std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, con
 
     // Parts without usable normals next to parts with them get smooth
     // area-weighted vertex normals, as the host computes for smoothing group 1.
+    // Summed in double: huge finite positions would overflow float cross products.
     if (!facesWithoutNormals.empty()) {
-        std::vector<Point3> vertexNormals(mesh->verts.size());
+        std::vector<std::array<double, 3>> vertexNormals(mesh->verts.size(), {0.0, 0.0, 0.0});
         for (const Face& f : mesh->faces) {
-            const Point3& p0 = mesh->verts[f.v[0]];
-            const Point3 n = CrossProd(mesh->verts[f.v[1]] - p0, mesh->verts[f.v[2]] - p0);
-            for (uint32_t v : f.v) vertexNormals[v] += n;
+            std::array<double, 3> p[3];
+            for (int k = 0; k < 3; ++k) {
+                const Point3& v = mesh->verts[f.v[k]];
+                p[k] = {v.x, v.y, v.z};
+            }
+            const double e1[3] = {p[1][0] - p[0][0], p[1][1] - p[0][1], p[1][2] - p[0][2]};
+            const double e2[3] = {p[2][0] - p[0][0], p[2][1] - p[0][1], p[2][2] - p[0][2]};
+            const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2],
+                                 e1[0] * e2[1] - e1[1] * e2[0]};
+            for (uint32_t v : f.v) {
+                for (int c = 0; c < 3; ++c) vertexNormals[v][c] += n[c];
+            }
         }
         const int base = static_cast<int>(normals.size());
-        for (const Point3& n : vertexNormals) normals.push_back(Normalize(n));
+        for (const auto& n : vertexNormals) normals.push_back(unitVector(n[0], n[1], n[2]));
         for (size_t fi : facesWithoutNormals) {
             for (int k = 0; k < 3; ++k) {
                 normalFaces[fi][k] = base + static_cast<int>(mesh->faces[fi].v[k]);
