@@ -10,17 +10,15 @@
 #include "tracer/protocol.h"
 #include "tracer/shading.h"
 
-#include <tbb/blocked_range2d.h>
-#include <tbb/parallel_for.h>
-#include <tbb/task_arena.h>
-
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <limits>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -385,33 +383,46 @@ void Renderer::Impl::renderTiles(Image& img) {
     const int tx0 = crop.x0 / kTileSize, tx1 = (crop.x1 + kTileSize - 1) / kTileSize;
     const int ty0 = crop.y0 / kTileSize, ty1 = (crop.y1 + kTileSize - 1) / kTileSize;
     const int total = std::max(0, (tx1 - tx0) * (ty1 - ty0));
-    std::atomic<int> done{0};
+    const int columns = tx1 - tx0;
     const int frameIndex = int(time / kTicksPerFrame);
     const Integrator integrator(*frameScene, materials, lights, camera, settings);
-    tbb::task_arena arena(threads);
-    arena.execute([&] {
-        tbb::parallel_for(
-            tbb::blocked_range2d<int>(ty0, ty1, 1, tx0, tx1, 1),
-            [&](const tbb::blocked_range2d<int>& r) {
-                // The arena has `threads` slots, so every index names a ThreadState.
-                const int ti = tbb::this_task_arena::current_thread_index();
-                MQ_ASSERT(ti >= 0 && ti < threads, "render thread index outside the arena");
-                for (int ty = r.rows().begin(); ty < r.rows().end(); ++ty) {
-                    for (int tx = r.cols().begin(); tx < r.cols().end(); ++tx) {
-                        const int y1 = std::min(crop.y1, (ty + 1) * kTileSize);
-                        const int x1 = std::min(crop.x1, (tx + 1) * kTileSize);
-                        for (int y = std::max(crop.y0, ty * kTileSize); y < y1; ++y) {
-                            for (int x = std::max(crop.x0, tx * kTileSize); x < x1; ++x) {
-                                integrator.renderPixel(x, y, frameIndex, ti, threadStates[ti], img);
-                            }
-                        }
-                        const int n = ++done;
-                        if (progress) progress(n, total);
+
+    // Render thread t takes tiles in turn until none is left and owns
+    // threadStates[t]: the thread index is the worker's number. A failure
+    // (a broken invariant, a progress callback that throws) stops every
+    // worker and is rethrown here once all have joined.
+    std::atomic<int> next{0};
+    std::atomic<int> done{0};
+    std::vector<std::exception_ptr> errors(static_cast<size_t>(threads));
+    auto work = [&](int t) {
+        try {
+            for (int i = next++; i < total; i = next++) {
+                const int ty = ty0 + i / columns, tx = tx0 + i % columns;
+                const int y1 = std::min(crop.y1, (ty + 1) * kTileSize);
+                const int x1 = std::min(crop.x1, (tx + 1) * kTileSize);
+                for (int y = std::max(crop.y0, ty * kTileSize); y < y1; ++y) {
+                    for (int x = std::max(crop.x0, tx * kTileSize); x < x1; ++x) {
+                        integrator.renderPixel(x, y, frameIndex, t, threadStates[size_t(t)], img);
                     }
                 }
-            },
-            tbb::simple_partitioner());
-    });
+                const int n = ++done;
+                if (progress) progress(n, total);
+            }
+        } catch (...) {
+            errors[size_t(t)] = std::current_exception();
+            next = total;
+        }
+    };
+    std::vector<std::thread> workers;
+    try {
+        for (int t = 1; t < threads; ++t) workers.emplace_back(work, t);
+    } catch (const std::system_error&) {
+        // Fewer threads than planned: those running share the tiles.
+    }
+    work(0);
+    for (std::thread& worker : workers) worker.join();
+    for (const std::exception_ptr& error : errors)
+        if (error) std::rethrow_exception(error);
 }
 
 Renderer::Renderer(Scene& scene, RenderSettings settings) : settings_(settings) {
