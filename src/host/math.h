@@ -33,10 +33,30 @@ struct Point3 {
     Point3 operator*(const Point3& b) const { return {x * b.x, y * b.y, z * b.z}; }
     Point3 operator*(float s) const { return {x * s, y * s, z * s}; }
     Point3 operator/(float s) const { return {x / s, y / s, z / s}; }
-    Point3& operator+=(const Point3& b) { x += b.x; y += b.y; z += b.z; return *this; }
-    Point3& operator-=(const Point3& b) { x -= b.x; y -= b.y; z -= b.z; return *this; }
-    Point3& operator*=(float s) { x *= s; y *= s; z *= s; return *this; }
-    Point3& operator/=(float s) { x /= s; y /= s; z /= s; return *this; }
+    Point3& operator+=(const Point3& b) {
+        x += b.x;
+        y += b.y;
+        z += b.z;
+        return *this;
+    }
+    Point3& operator-=(const Point3& b) {
+        x -= b.x;
+        y -= b.y;
+        z -= b.z;
+        return *this;
+    }
+    Point3& operator*=(float s) {
+        x *= s;
+        y *= s;
+        z *= s;
+        return *this;
+    }
+    Point3& operator/=(float s) {
+        x /= s;
+        y /= s;
+        z /= s;
+        return *this;
+    }
     bool operator==(const Point3& b) const = default;
 };
 
@@ -136,8 +156,8 @@ struct Box3 {
     Point3 Center() const { return (pmin + pmax) * 0.5f; }
     Point3 Width() const { return pmax - pmin; }
     bool Contains(const Point3& p) const {
-        return p.x >= pmin.x && p.x <= pmax.x && p.y >= pmin.y && p.y <= pmax.y &&
-               p.z >= pmin.z && p.z <= pmax.z;
+        return p.x >= pmin.x && p.x <= pmax.x && p.y >= pmin.y && p.y <= pmax.y && p.z >= pmin.z &&
+               p.z <= pmax.z;
     }
 };
 
@@ -149,10 +169,16 @@ public:
 
     TimeValue Start() const { return start_; }
     TimeValue End() const { return end_; }
-    void Set(TimeValue s, TimeValue e) { start_ = s; end_ = e; }
+    void Set(TimeValue s, TimeValue e) {
+        start_ = s;
+        end_ = e;
+    }
     void SetInstant(TimeValue t) { start_ = end_ = t; }
     void SetInfinite() { *this = Interval(); }
-    void SetEmpty() { start_ = TIME_NegInfinity; end_ = TIME_NegInfinity; }
+    void SetEmpty() {
+        start_ = TIME_NegInfinity;
+        end_ = TIME_NegInfinity;
+    }
     bool Empty() const { return start_ == TIME_NegInfinity && end_ == TIME_NegInfinity; }
     bool InInterval(TimeValue t) const { return t >= start_ && t <= end_; }
     // Shrink to the overlap with b.
@@ -187,4 +213,4 @@ private:
     uint32_t state_;
 };
 
-} // namespace mq
+}  // namespace mq

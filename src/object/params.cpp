@@ -7,9 +7,6 @@
 
 #include <vector>
 
-// The tables below name only the fields that differ from the defaults.
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 namespace mosaiq {
 
 using namespace mq;

@@ -119,8 +119,14 @@ TEST_F(RenderCli, ANodeThatRendersNothingIsNamedWithItsReasonEachFrame) {
     const fs::path examples = fs::path(MOSAIQ_SOURCE_DIR) / "examples";
     fs::create_directories(path("moved/patterns"));
     fs::copy_file(examples / "pavers-plane.mosaiq", path("moved/pavers-plane.mosaiq"));
-    const std::vector<std::string> args = {"render", path("moved/pavers-plane.mosaiq").string(),
-                                           "--resolution", "16x12", "--spp", "1", "-q", "-o",
+    const std::vector<std::string> args = {"render",
+                                           path("moved/pavers-plane.mosaiq").string(),
+                                           "--resolution",
+                                           "16x12",
+                                           "--spp",
+                                           "1",
+                                           "-q",
+                                           "-o",
                                            path("moved.png").string()};
     const Result missing = mosaiq(args);
     ASSERT_EQ(missing.code, 0) << missing.err;

@@ -150,8 +150,8 @@ TEST_F(Differential, BakedMeshRendersLikeTheProceduralPieces) {
         // Two threads each, one after the other: renders do not depend on the thread count.
         const fs::path images[2] = {dir_ / (stem + "-procedural.exr"),
                                     dir_ / (stem + "-baked.exr")};
-        auto render = [&](const fs::path& from, const fs::path& image) {
-            return mustRun({"render", from.string(), "-o", image.string(), "--resolution",
+        auto render = [&](const fs::path& source, const fs::path& image) {
+            return mustRun({"render", source.string(), "-o", image.string(), "--resolution",
                             kResolution, "--spp", kSpp, "--seed", "7", "-t", "2", "-q"})
                        .code == 0;
         };

@@ -67,8 +67,8 @@ TEST_P(GoldenImage, MatchesTheRecordedPicture) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Examples, GoldenImage, ::testing::ValuesIn(kGoldens),
-                         [](const auto& info) {
-                             std::string n = info.param.name;
+                         [](const auto& test) {
+                             std::string n = test.param.name;
                              for (char& c : n)
                                  if (c == '-') c = '_';
                              return n;

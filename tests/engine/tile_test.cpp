@@ -167,11 +167,11 @@ TEST(TileBuild, BrokenMeshesBuildAndWalkWithoutCrashing) {
     Mesh noVertices, noFaces;
     noVertices.faces = {Face{{0, 1, 2}, 1, 0}};
     noFaces.verts = {{0, 0, 0}, {1, 1, 1}};
-    for (Mesh m : {noVertices, noFaces}) {
-        tile.build(m, Matrix3(), Point3(2, 2, 2), 1, 1);
+    for (Mesh broken : {noVertices, noFaces}) {
+        tile.build(broken, Matrix3(), Point3(2, 2, 2), 1, 1);
         ASSERT_NE(tile.tree, nullptr);
-        EXPECT_EQ(tile.faceCount, int(m.faces.size()));
-        if (m.faces.empty()) {
+        EXPECT_EQ(tile.faceCount, int(broken.faces.size()));
+        if (broken.faces.empty()) {
             EXPECT_TRUE(tile.tree->isLeaf() && tile.tree->faceCount == 0);
         }
         for (int i = 0; i < 100; ++i)

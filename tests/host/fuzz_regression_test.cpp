@@ -27,7 +27,9 @@ TEST(FuzzRegressions, SavedInputsFailCleanly) {
                 // What merges must be a valid mesh.
                 for (Node* node : ip.scene().allNodes()) {
                     auto* tri = dynamic_cast<TriObject*>(node->GetObjectRef());
-                    if (tri) EXPECT_EQ(tri->mesh.validate(), std::vector<std::string>());
+                    if (tri) {
+                        EXPECT_EQ(tri->mesh.validate(), std::vector<std::string>());
+                    }
                 }
             }
         } else if (name.starts_with("scenefile-")) {

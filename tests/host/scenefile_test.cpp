@@ -98,7 +98,7 @@ struct ProbeObject : GeomObject {
 void* ProbeClassDesc::Create(bool) { return new ProbeObject; }
 
 struct ProbeCallback : PostLoadCallback {
-    explicit ProbeCallback(ProbeObject* obj) : obj(obj) {}
+    explicit ProbeCallback(ProbeObject* object) : obj(object) {}
     void proc(ILoad*) override {
         ++gLog.callbacksRun;
         // Callbacks run once the loaded scene is the host's scene.

@@ -28,7 +28,7 @@ TEST(TracerProtocol, CallsComeInTheDocumentedOrder) {
     }  // the destructor ends the render
     const std::vector<std::string> frame = {
         "frameBegin", "instance.frameBegin", "instance.compileGeometry", "expand 0", "expand 1",
-        "collapse 0", "collapse 1", "instance.frameEnd", "frameEnd"};
+        "collapse 0", "collapse 1",          "instance.frameEnd",        "frameEnd"};
     std::vector<std::string> expected = {"init", "renderBegin", "newRenderInstance",
                                          "instance.renderBegin"};
     expected.insert(expected.end(), frame.begin(), frame.end());
@@ -70,8 +70,10 @@ TEST(TracerProtocol, UserPrimitiveRendersLikeItsMesh) {
         }
         frontCamera(scene, 4.0f, 45.0f);
         // Direct light only from a sun without a size: no noise from lighting.
-        scene.lights = nlohmann::json::array(
-            {{{"type", "sun"}, {"direction", {0.4, -1.0, 0.6}}, {"angle", 0.0}, {"intensity", 2.0}}});
+        scene.lights = nlohmann::json::array({{{"type", "sun"},
+                                               {"direction", {0.4, -1.0, 0.6}},
+                                               {"angle", 0.0},
+                                               {"intensity", 2.0}}});
         return renderImage(scene, settings(32, 4, 2, 1));
     };
     const Image mesh = render(false), user = render(true);

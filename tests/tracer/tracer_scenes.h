@@ -37,7 +37,7 @@ inline void frontCamera(Scene& scene, float distance, float fovDeg) {
 // What the analytic sphere saw of the rays that reached it.
 struct RayLog {
     std::atomic<int> calls{0};
-    std::atomic<int> badThread{0};     // threadIndex out of range or not the expansion's
+    std::atomic<int> badThread{0};  // threadIndex out of range or not the expansion's
     std::atomic<int> zeroSequence{0};
     std::atomic<int> backwardSequence{0};
     std::atomic<int> lookupMisses{0};  // intersectionData found no record for the ray
@@ -53,7 +53,8 @@ struct RayLog {
 // A sphere rendered through the render-object protocol: one primitive per
 // thread, hits kept per (thread, level) and tagged with the ray's sequence
 // number, the way a plug-in keeps its hit records.
-class AnalyticSphereInstance final : public RenderInstance, public DynamicPrimitive,
+class AnalyticSphereInstance final : public RenderInstance,
+                                     public DynamicPrimitive,
                                      public ShadeData {
 public:
     AnalyticSphereInstance(Point3 center, float radius, RayLog& log)
@@ -81,7 +82,9 @@ public:
         e.id = 7;
         sink.insert(e);
     }
-    void collapse(int threadIndex) override { log_.note("collapse " + std::to_string(threadIndex)); }
+    void collapse(int threadIndex) override {
+        log_.note("collapse " + std::to_string(threadIndex));
+    }
     StaticBox boundingBox() const override {
         StaticBox b;
         b += center_ - Point3(radius_, radius_, radius_);
@@ -89,7 +92,8 @@ public:
         return b;
     }
 
-    bool intersectionData(const RayContext& rc, uint32_t id, IntersectionData& isect) const override {
+    bool intersectionData(const RayContext& rc, uint32_t id,
+                          IntersectionData& isect) const override {
         const ThreadData& td = threads_[rc.threadIndex];
         const Hit& h = td.byLevel[rc.rayLevel & 7];
         if (id != 7 || h.tag != rc.raySequence) {
