@@ -219,8 +219,6 @@ bool SurfaceMapping::buildFromMesh(Mesh& worldMesh, const PatternTile& tile,
     stats.islands = dist.islandCount();
     stats.stretchMin = stretchMin;
     stats.stretchMax = stretchMax;
-    stats.cycleBreakingPasses = dist.cycleBreakingPasses;
-    stats.cycleBreakingCapped = dist.cycleBreakingCapped;
     dist.release();
     return true;
 }

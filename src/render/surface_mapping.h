@@ -47,8 +47,6 @@ struct SurfaceMappingStats {
     int32_t islands = 0;        // distinct UV islands over the whole surface
     // Over the corners of the faces in range; 0 and 0 when there are none.
     float stretchMin = 0.0f, stretchMax = 0.0f;
-    int32_t cycleBreakingPasses = 0;
-    bool cycleBreakingCapped = false;
 };
 
 // Builds the pieces of one frame. Main thread only; never throws on bad
