@@ -197,7 +197,6 @@ Child mustRun(const Options& opt, const std::vector<std::string>& args, const fs
 // copy with the node hidden.
 void writeDemoScenes(int tiling, const fs::path& file, const fs::path& hidden) {
     mq::HostInterface ip;
-    ip.SetRunningWithoutUI(true);
     mosaiq::cli::buildDemoScene(ip);
     mq::Scene& scene = ip.scene();
     mq::Node* node = mosaiq::cli::findUniqueNode(scene, kMosaiqNode, "demo scene");

@@ -132,9 +132,9 @@ int main(int argc, char** argv) {
     // anything else is a fault of this program.
     MQ_BOUNDARY_BEGIN
     try {
-        // The host exists before any plug-in, so objects see how it runs.
+        // The host exists before any plug-in, so objects see that it runs
+        // without a user interface.
         mq::HostInterface ip;
-        ip.SetRunningWithoutUI(true);
         ip.onWarning = printWarning;
         for (const std::string& skipped :
              mq::pluginManager().loadFolder(mq::PluginManager::defaultFolder())) {

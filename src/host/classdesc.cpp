@@ -30,33 +30,36 @@ std::string ClassDesc::rolloutTitle(const ParamBlockDesc& d, const RolloutMap& m
 
 void ClassDesc::BeginEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags,
                                 Animatable* prev) {
-    if (!ip) return;
+    if (!ip || !obj) return;
     for (ParamBlockDesc* d : pbDescs_) {
         if (!(d->flags & P_AUTO_UI)) continue;
-        for (const RolloutMap& m : d->maps)
-            ip->AddRollupPage(m.dialogResource, rolloutTitle(*d, m), m.dlgProc,
-                              static_cast<int>(m.flags), 0);
+        auto* block = dynamic_cast<ParamBlock*>(obj->GetReference(d->ref_no));
+        if (!block) continue;
+        for (const RolloutMap& m : d->maps) {
+            const ui::DialogTemplate* tmpl = GetDialogTemplate(m.dialogResource);
+            if (!tmpl) {
+                ip->warning(std::string("class \"") + ClassName() + "\" has no dialog " +
+                            std::to_string(m.dialogResource) + " for its rollout \"" +
+                            rolloutTitle(*d, m) + "\": the rollout is left out");
+                continue;
+            }
+            // Kept before the page opens: the map receives Init from it.
+            OpenRollout& open = openRollouts_.emplace_back();
+            open.map = std::make_unique<ui::ParamMap>(*block, m.id, m.dlgProc);
+            open.page = ip->AddRollupPage(*tmpl, rolloutTitle(*d, m), open.map.get(),
+                                          static_cast<int>(m.flags), 0);
+        }
     }
 }
 
 void ClassDesc::EndEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags,
                               Animatable* next) {
     if (!ip) return;
-    for (ParamBlockDesc* d : pbDescs_) {
-        if (!(d->flags & P_AUTO_UI)) continue;
-        for (const RolloutMap& m : d->maps) {
-            const std::string title = rolloutTitle(*d, m);
-            for (const RollupPage& p : ip->rollupPages()) {
-                if (p.dialogResource == m.dialogResource && p.title == title) {
-                    ip->DeleteRollupPage(p.id);
-                    break;
-                }
-            }
-        }
-    }
+    for (OpenRollout& open : openRollouts_) ip->DeleteRollupPage(open.page);
+    openRollouts_.clear();
 }
 
-void ClassDesc::SetUserDlgProc(ParamBlockDesc* pbd, MapID map, ParamMap2UserDlgProc* proc) {
+void ClassDesc::SetUserDlgProc(ParamBlockDesc* pbd, MapID map, ui::ParamMap2UserDlgProc* proc) {
     if (pbd) pbd->SetUserDlgProc(map, proc);
 }
 

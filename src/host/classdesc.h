@@ -3,7 +3,10 @@
 
 #include "host/core.h"
 #include "host/paramblock.h"
+#include "host/ui/dialog.h"
+#include "host/ui/param_map.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -52,6 +55,8 @@ public:
     virtual void* HInstance() { return nullptr; }
     // A string of the class's string table (rollout titles); null when absent.
     virtual const char* GetRsrcString(int id) { return nullptr; }
+    // A dialog of the class's module (rollouts, its own dialogs); null when absent.
+    virtual const ui::DialogTemplate* GetDialogTemplate(int id) { return nullptr; }
 
     // Parameter block descriptions registered by their constructors.
     void AddParamBlockDesc(ParamBlockDesc* pbd) { pbDescs_.push_back(pbd); }
@@ -61,27 +66,25 @@ public:
     // Build every auto-constructed block and wire it into owner as its
     // reference ref_no.
     void MakeAutoParamBlocks(ReferenceMaker* owner);
-    // Open and close the rollouts of the auto-UI blocks of obj.
+    // Open and close the rollouts of the auto-UI blocks of obj: one
+    // parameter map per map of each block, on a rollup page made from the
+    // map's dialog template. A template the class lacks is reported as a
+    // warning of ip and its rollout left out.
     void BeginEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags, Animatable* prev);
     void EndEditParams(HostInterface* ip, ReferenceMaker* obj, uint32_t flags, Animatable* next);
-    void SetUserDlgProc(ParamBlockDesc* pbd, MapID map, ParamMap2UserDlgProc* proc);
+    void SetUserDlgProc(ParamBlockDesc* pbd, MapID map, ui::ParamMap2UserDlgProc* proc);
     // Refresh the controls of a parameter of the block with the given id.
     void InvalidateUI(BlockID blockId, ParamID id, int tabIndex = -1);
 
 private:
     std::string rolloutTitle(const ParamBlockDesc& d, const RolloutMap& m);
 
+    struct OpenRollout {
+        int page = 0;
+        std::unique_ptr<ui::ParamMap> map;
+    };
     std::vector<ParamBlockDesc*> pbDescs_;
-};
-
-// A rollout's dialog procedure. The studio sends it init, destroy and
-// command messages; without a UI only Update is called.
-class ParamMap2UserDlgProc {
-public:
-    virtual ~ParamMap2UserDlgProc() = default;
-    // Refresh the controls from the block.
-    virtual void Update(TimeValue t) {}
-    virtual void DeleteThis() {}
+    std::vector<OpenRollout> openRollouts_;
 };
 
 // All classes the host knows: its own and those of loaded plug-ins.

@@ -177,49 +177,62 @@ bool HostInterface::IsDirectory(const std::string& path) {
     return !path.empty() && fs::is_directory(path, ec);
 }
 
-int HostInterface::AddRollupPage(int dialogResource, const std::string& title,
-                                 ParamMap2UserDlgProc* proc, int flags, int category) {
+int HostInterface::AddRollupPage(const ui::DialogTemplate& tmpl, const std::string& title,
+                                 ui::DialogProc* proc, int flags, int category) {
     RollupPage page;
     page.id = nextPageId_++;
-    page.dialogResource = dialogResource;
+    page.dialogResource = tmpl.id;
     page.title = title;
     page.flags = flags;
     page.category = category;
-    page.dlgProc = proc;
+    page.proc = proc;
+    if (ui_ && proc) {
+        page.window =
+            &ui_->openPage(page.id, tmpl, title, (flags & APPENDROLL_CLOSED) != 0, category, *proc);
+    }
     pages_.push_back(page);
+    if (page.window) proc->message(*page.window, ui::Message::Init, 0, ui::Notify::Clicked);
     return page.id;
 }
 
-void HostInterface::SetDlgItemText(int page, int control, const std::string& text) {
-    for (RollupPage& p : pages_)
-        if (p.id == page) p.controlTexts.emplace_back(control, text);
-}
-
-void HostInterface::RegisterDlgWnd(int page) {
-    for (RollupPage& p : pages_)
-        if (p.id == page) p.registered = true;
-}
-
-int HostInterface::UnRegisterDlgWnd(int page) {
-    for (RollupPage& p : pages_) {
-        if (p.id == page && p.registered) {
-            p.registered = false;
-            return 1;
-        }
-    }
-    return 0;
-}
-
 void HostInterface::DeleteRollupPage(int page) {
-    pages_.erase(std::remove_if(pages_.begin(), pages_.end(),
-                                [&](const RollupPage& p) { return p.id == page; }),
-                 pages_.end());
+    const auto it = std::find_if(pages_.begin(), pages_.end(),
+                                 [&](const RollupPage& p) { return p.id == page; });
+    if (it == pages_.end()) return;
+    const RollupPage gone = *it;
+    pages_.erase(it);
+    if (gone.window) {
+        gone.proc->message(*gone.window, ui::Message::Destroy, 0, ui::Notify::Clicked);
+        UnRegisterDlgWnd(gone.window);
+        ui_->closePage(gone.id);
+    }
+}
+
+ui::DialogWindow* HostInterface::GetRollupWindow(int page) const {
+    const RollupPage* p = findRollupPage(page);
+    return p ? p->window : nullptr;
+}
+
+void HostInterface::SetDlgItemText(int page, int control, const std::string& text) {
+    if (ui::DialogWindow* window = GetRollupWindow(page)) window->setText(control, text);
 }
 
 const RollupPage* HostInterface::findRollupPage(int page) const {
     for (const RollupPage& p : pages_)
         if (p.id == page) return &p;
     return nullptr;
+}
+
+void HostInterface::RegisterDlgWnd(ui::DialogWindow* window) {
+    if (window && std::find(registered_.begin(), registered_.end(), window) == registered_.end())
+        registered_.push_back(window);
+}
+
+int HostInterface::UnRegisterDlgWnd(ui::DialogWindow* window) {
+    const auto it = std::find(registered_.begin(), registered_.end(), window);
+    if (it == registered_.end()) return 0;
+    registered_.erase(it);
+    return 1;
 }
 
 void HostInterface::DeleteMode(CommandMode* mode) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "host/node.h"
+#include "host/ui/host_ui.h"
 
 #include <filesystem>
 #include <functional>
@@ -13,7 +14,6 @@
 namespace mq {
 
 class ILoad;
-class ParamMap2UserDlgProc;
 
 // Run by the scene loader once the whole scene is loaded; deletes itself
 // (or is deleted by the loader when proc is never reached).
@@ -62,17 +62,16 @@ inline constexpr int APP_PLUGCFG_DIR = 20;  // the host's configuration folder
 // Rollup page flags.
 inline constexpr int APPENDROLL_CLOSED = 1;
 
-// A rollup page the host shows beside the viewports. Without a UI the host
-// keeps the record so commands and tests can see what was opened.
+// A rollup page the host shows beside the viewports. Without a user
+// interface the host keeps the record alone (no window, no messages).
 struct RollupPage {
     int id = 0;
     int dialogResource = 0;
     std::string title;
     int flags = 0;
     int category = 0;
-    bool registered = false;
-    ParamMap2UserDlgProc* dlgProc = nullptr;                // not owned
-    std::vector<std::pair<int, std::string>> controlTexts;  // control id, text
+    ui::DialogProc* proc = nullptr;      // not owned
+    ui::DialogWindow* window = nullptr;  // the user interface's; null without one
 };
 
 class HostInterface {
@@ -108,24 +107,37 @@ public:
     virtual bool IsDirectory(const std::string& path);
     const std::string& lastError() const { return lastError_; }
 
-    // True when no user sees the host (command line, render node, tests).
-    bool RunningWithoutUI() const { return withoutUI_; }
-    void SetRunningWithoutUI(bool on) { withoutUI_ = on; }
+    // The user interface; null when no user sees the host (command line,
+    // render node). Rollup pages get windows and bindings only with one.
+    ui::HostUI* ui() const { return ui_.get(); }
+    void setUI(std::unique_ptr<ui::HostUI> ui) { ui_ = std::move(ui); }
+    bool RunningWithoutUI() const { return !ui_; }
+
+    // The time the user is at (the studio's time slider).
+    TimeValue GetTime() const { return time_; }
+    void SetTime(TimeValue t) { time_ = t; }
 
     // Warnings for the user (clamped values, skipped plug-ins...).
     void warning(const std::string& text);
     std::function<void(const std::string&)> onWarning;
     const std::vector<std::string>& warnings() const { return warnings_; }
 
-    // Rollup pages and their dialog windows.
-    int AddRollupPage(int dialogResource, const std::string& title, ParamMap2UserDlgProc* proc,
-                      int flags = 0, int category = 0);
-    void SetDlgItemText(int page, int control, const std::string& text);
-    void RegisterDlgWnd(int page);
-    int UnRegisterDlgWnd(int page);
+    // A rollup page made from tmpl: with a user interface, its window is
+    // made and proc receives Init. tmpl and proc must outlive the page.
+    // Returns the page's id.
+    int AddRollupPage(const ui::DialogTemplate& tmpl, const std::string& title,
+                      ui::DialogProc* proc, int flags = 0, int category = 0);
+    // proc receives Destroy, then the window goes.
     void DeleteRollupPage(int page);
+    // Null for an unknown page or without a user interface.
+    ui::DialogWindow* GetRollupWindow(int page) const;
+    void SetDlgItemText(int page, int control, const std::string& text);
     const std::vector<RollupPage>& rollupPages() const { return pages_; }
     const RollupPage* findRollupPage(int page) const;
+    // Dialog windows that take the host's keyboard shortcuts while open.
+    void RegisterDlgWnd(ui::DialogWindow* window);
+    int UnRegisterDlgWnd(ui::DialogWindow* window);
+    const std::vector<ui::DialogWindow*>& registeredWindows() const { return registered_; }
 
     // Command modes the user can enter; the interface does not own them.
     void AddCommandMode(CommandMode* mode) { modes_.push_back(mode); }
@@ -138,7 +150,9 @@ protected:
 private:
     std::unique_ptr<Scene> scene_;
     std::string lastError_;
-    bool withoutUI_ = true;
+    std::unique_ptr<ui::HostUI> ui_;
+    TimeValue time_ = 0;
+    std::vector<ui::DialogWindow*> registered_;
     std::vector<std::string> warnings_;
     std::vector<RollupPage> pages_;
     int nextPageId_ = 1;

@@ -1,9 +1,12 @@
 #include "host/paramblock.h"
 
+#include "host/ui/param_map.h"
+
 #include "host/classdesc.h"
 #include "host/hold.h"
 #include "host/node.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <mutex>
@@ -148,19 +151,26 @@ bool ParamBlockDesc::bindUI(ParamID id, ParamUIBinding binding) {
     return false;
 }
 
-void ParamBlockDesc::SetUserDlgProc(MapID map, ParamMap2UserDlgProc* proc) {
+void ParamBlockDesc::SetUserDlgProc(MapID map, ui::ParamMap2UserDlgProc* proc) {
     for (auto& m : maps)
         if (m.id == map) m.dlgProc = proc;
+    for (ui::ParamMap* open : openMaps_)
+        if (open->GetMapID() == map) open->SetUserDlgProc(proc);
 }
 
-ParamMap2UserDlgProc* ParamBlockDesc::GetUserDlgProc(MapID map) const {
+ui::ParamMap2UserDlgProc* ParamBlockDesc::GetUserDlgProc(MapID map) const {
     for (const auto& m : maps)
         if (m.id == map) return m.dlgProc;
     return nullptr;
 }
 
-// No rollout is open without a user interface: there is nothing to refresh.
-void ParamBlockDesc::InvalidateUI(ParamID id, int tabIndex) {}
+void ParamBlockDesc::InvalidateUI(ParamID id, int tabIndex) {
+    for (ui::ParamMap* open : openMaps_) open->Invalidate(id, tabIndex);
+}
+
+void ParamBlockDesc::removeOpenMap(ui::ParamMap* map) {
+    openMaps_.erase(std::remove(openMaps_.begin(), openMaps_.end(), map), openMaps_.end());
+}
 
 ParamBlockDesc::Clamped ParamBlockDesc::clampToRange(const ParamDef& def,
                                                      const ParamValue& v) const {

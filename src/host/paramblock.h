@@ -18,7 +18,10 @@ namespace mq {
 class ClassDesc;
 class Node;
 class ParamBlock;
+namespace ui {
+class ParamMap;
 class ParamMap2UserDlgProc;
+}  // namespace ui
 
 using ParamID = int16_t;
 using BlockID = int16_t;
@@ -116,7 +119,7 @@ struct RolloutMap {
     int dialogResource = 0;
     int titleStringId = 0;
     uint32_t flags = 0;
-    ParamMap2UserDlgProc* dlgProc = nullptr;
+    ui::ParamMap2UserDlgProc* dlgProc = nullptr;  // not owned
 };
 
 // The static description of a parameter block.
@@ -145,8 +148,10 @@ public:
     // Attach a control binding to a parameter (replacing any earlier one).
     // Returns false for an unknown id.
     bool bindUI(ParamID id, ParamUIBinding binding);
-    void SetUserDlgProc(MapID map, ParamMap2UserDlgProc* proc);
-    ParamMap2UserDlgProc* GetUserDlgProc(MapID map) const;
+    // Install a rollout's own procedure, in the open rollouts of the map too
+    // (which send it Init at once).
+    void SetUserDlgProc(MapID map, ui::ParamMap2UserDlgProc* proc);
+    ui::ParamMap2UserDlgProc* GetUserDlgProc(MapID map) const;
     // Tell open rollouts that a parameter changed (all elements for -1).
     void InvalidateUI(ParamID id, int tabIndex = -1);
 
@@ -158,8 +163,13 @@ public:
     };
     Clamped clampToRange(const ParamDef& def, const ParamValue& v) const;
 
+    // The open rollouts of blocks of this descriptor; ParamMap keeps it.
+    void addOpenMap(ui::ParamMap* map) { openMaps_.push_back(map); }
+    void removeOpenMap(ui::ParamMap* map);
+
 private:
     std::vector<ParamDef> params_;
+    std::vector<ui::ParamMap*> openMaps_;
 };
 
 // The values of one object's parameters.

@@ -170,7 +170,7 @@ void Mosaiq::refreshWorkingCopy(TimeValue t) {
 
     // Rollouts that show derived state refresh their controls.
     for (MapID map : {kSurfaceMap, kBaseMap})
-        if (ParamMap2UserDlgProc* proc = patternPBDesc().GetUserDlgProc(map)) proc->Update(t);
+        if (ui::ParamMap2UserDlgProc* proc = patternPBDesc().GetUserDlgProc(map)) proc->Update(t);
 
     pblock_->GetValue(kPatternSource, 0, patternSource_, valid);
     if (patternSource_ == kSourceScene) {

@@ -6,6 +6,7 @@
 #include "plugin/module.h"
 #include "plugin/stringtable.h"
 #include "ui/panels.h"
+#include "ui/templates.h"
 
 namespace mosaiq {
 
@@ -32,7 +33,11 @@ void* MosaiqClassDesc::HInstance() { return moduleHandle(); }
 
 const char* MosaiqClassDesc::GetRsrcString(int id) { return GetString(id); }
 
-void MosaiqClassDesc::SetUserDlgProc(mq::ParamMap2UserDlgProc* proc) {
+const mq::ui::DialogTemplate* MosaiqClassDesc::GetDialogTemplate(int id) {
+    return dialogTemplate(id);
+}
+
+void MosaiqClassDesc::SetUserDlgProc(mq::ui::ParamMap2UserDlgProc* proc) {
     mq::ClassDesc::SetUserDlgProc(&patternPBDesc(), kBaseMap, proc);
 }
 

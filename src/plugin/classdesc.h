@@ -43,10 +43,11 @@ public:
     const char* InternalName() override { return "PatternPattern"; }
     void* HInstance() override;
     const char* GetRsrcString(int id) override;
+    const mq::ui::DialogTemplate* GetDialogTemplate(int id) override;
 
     using mq::ClassDesc::SetUserDlgProc;
     // Set the dialog procedure of the Mosaiq block's map 0.
-    void SetUserDlgProc(mq::ParamMap2UserDlgProc* proc = nullptr);
+    void SetUserDlgProc(mq::ui::ParamMap2UserDlgProc* proc = nullptr);
 };
 
 // The library's one descriptor, alive as long as the library is loaded;

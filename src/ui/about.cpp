@@ -15,7 +15,12 @@ constexpr const char* kCredits =
     "Contact: the Mosaiq project's issue tracker.\n"
     "Developers: the Mosaiq engineers.";
 
-class AboutDlgProc : public mq::ParamMap2UserDlgProc {};
+class AboutDlgProc final : public mq::ui::DialogProc {
+public:
+    bool message(mq::ui::DialogWindow&, mq::ui::Message, int, mq::ui::Notify) override {
+        return false;
+    }
+};
 
 }  // namespace
 
@@ -25,9 +30,9 @@ std::string aboutText() {
     return std::string(head) + kCredits;
 }
 
-mq::ParamMap2UserDlgProc* aboutDlgProc() {
+mq::ui::DialogProc& aboutDlgProc() {
     static AboutDlgProc proc;
-    return &proc;
+    return proc;
 }
 
 }  // namespace mosaiq

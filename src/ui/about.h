@@ -1,7 +1,7 @@
 // The About rollout page of the Mosaiq object.
 #pragma once
 
-#include "host/classdesc.h"
+#include "host/ui/dialog.h"
 
 #include <string>
 
@@ -11,6 +11,6 @@ namespace mosaiq {
 std::string aboutText();
 
 // The page's dialog procedure; it handles nothing. A static of the library.
-mq::ParamMap2UserDlgProc* aboutDlgProc();
+mq::ui::DialogProc& aboutDlgProc();
 
 }  // namespace mosaiq

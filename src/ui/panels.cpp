@@ -3,6 +3,7 @@
 #include "object/mosaiq.h"
 #include "object/resource.h"
 #include "ui/about.h"
+#include "ui/templates.h"
 
 namespace mosaiq {
 
@@ -11,16 +12,18 @@ namespace {
 class EditPanels final : public MosaiqPanels {
 public:
     void open(Mosaiq& obj, mq::HostInterface& ip) override {
-        const int page = ip.AddRollupPage(kDlgAbout, "About", aboutDlgProc(), mq::APPENDROLL_CLOSED,
+        const mq::ui::DialogTemplate* tmpl = dialogTemplate(kDlgAbout);
+        if (!tmpl) return;
+        const int page = ip.AddRollupPage(*tmpl, "About", &aboutDlgProc(), mq::APPENDROLL_CLOSED,
                                           kAboutRollupCategory);
-        ip.SetDlgItemText(page, kCtlAboutText, aboutText());
-        ip.RegisterDlgWnd(page);
+        ip.SetDlgItemText(page, about::kText, aboutText());
+        ip.RegisterDlgWnd(ip.GetRollupWindow(page));
         obj.setAboutPage(page);
     }
 
     void close(Mosaiq& obj, mq::HostInterface& ip) override {
         if (const int page = obj.aboutPage()) {
-            ip.UnRegisterDlgWnd(page);
+            ip.UnRegisterDlgWnd(ip.GetRollupWindow(page));
             ip.DeleteRollupPage(page);
             obj.setAboutPage(0);
         }
