@@ -1,6 +1,7 @@
 #include "plugin/module.h"
 
 #include "engine/segment_walk.h"
+#include "ui/library_browser.h"
 
 #include <dlfcn.h>
 #include <link.h>
@@ -13,8 +14,10 @@ void* gModule = nullptr;
 
 // Runs when the library is loaded, before any entry point.
 __attribute__((constructor)) void recordModuleHandle() {
-    // The segment walk's random table is built before any render can start.
+    // The segment walk's random table is built before any render can start,
+    // and the library browser's view classes exist before any dialog opens.
     mq::SegmentRandomTable::fill();
+    registerLibraryViews();
 
     Dl_info info{};
     link_map* ownMap = nullptr;
@@ -38,6 +41,10 @@ __attribute__((constructor)) void recordModuleHandle() {
     // Looking ourselves up took a reference; give it back so unloading still works.
     dlclose(handle);
 }
+
+// Runs when the library is unloaded: the host's registry must not keep
+// view classes that go with it.
+__attribute__((destructor)) void forgetViews() { unregisterLibraryViews(); }
 
 }  // namespace
 
