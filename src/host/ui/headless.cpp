@@ -235,7 +235,10 @@ std::string HeadlessWindow::text(int id) const {
 }
 
 void HeadlessWindow::redraw(int id) {
-    if (ControlState* s = find(id)) ++s->redraws;
+    if (ControlState* s = find(id)) {
+        ++s->redraws;
+        s->redrawnText = s->text;
+    }
 }
 
 Spinner* HeadlessWindow::spinner(int id) {

@@ -24,6 +24,7 @@ struct ControlState {
     std::string text;
     std::vector<std::string> textHistory;  // every text set, in order
     int redraws = 0;                       // redraw() calls
+    std::string redrawnText;               // the text the last redraw() painted
     // Spinners.
     int linkedEdit = 0;
     EditSpinnerType editType = EDITTYPE_FLOAT;
