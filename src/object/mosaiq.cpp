@@ -53,6 +53,15 @@ Mosaiq::~Mosaiq() {
 
 HostInterface* Mosaiq::editInterface() { return gEditIp; }
 
+ui::DialogWindow* Mosaiq::rolloutWindow(MapID map) const {
+    return map >= 0 && size_t(map) < rolloutWindows_.size() ? rolloutWindows_[size_t(map)]
+                                                            : nullptr;
+}
+
+void Mosaiq::setRolloutWindow(MapID map, ui::DialogWindow* window) {
+    if (map >= 0 && size_t(map) < rolloutWindows_.size()) rolloutWindows_[size_t(map)] = window;
+}
+
 void Mosaiq::setPatternNode(Node* node) {
     patternNode_ = node;
     patternNodeHandle_ = node ? node->GetHandle() : 0;

@@ -58,6 +58,11 @@ public:
     // by the panels that open it.
     int aboutPage() const { return aboutPage_; }
     void setAboutPage(int page) { aboutPage_ = page; }
+    // The window of each parameter rollout (by map: base, surface, preview)
+    // while it is open, null while closed; set and cleared by the rollouts'
+    // procedures. Not owned. Other maps read as null and are not kept.
+    mq::ui::DialogWindow* rolloutWindow(mq::MapID map) const;
+    void setRolloutWindow(mq::MapID map, mq::ui::DialogWindow* window);
     // The interface of the object being edited, null otherwise.
     static mq::HostInterface* editInterface();
 
@@ -184,6 +189,7 @@ private:
     int32_t patternEnabled_ = 1;
     mq::ParamBlock* pblock_ = nullptr;
     int aboutPage_ = 0;
+    std::array<mq::ui::DialogWindow*, 3> rolloutWindows_{};
 
     bool renderReady_ = false;
     std::string lastPatternError_;
