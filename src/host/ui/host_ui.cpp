@@ -6,9 +6,11 @@ namespace mq::ui {
 
 namespace {
 
+// Never destroyed: a plug-in unregisters its classes from its unload
+// destructor, which at process exit runs after this library's statics are gone.
 std::map<std::string, ViewClass*>& viewClasses() {
-    static std::map<std::string, ViewClass*> classes;
-    return classes;
+    static auto* classes = new std::map<std::string, ViewClass*>;
+    return *classes;
 }
 
 }  // namespace
