@@ -168,6 +168,11 @@ void ParamBlockDesc::InvalidateUI(ParamID id, int tabIndex) {
     for (ui::ParamMap* open : openMaps_) open->Invalidate(id, tabIndex);
 }
 
+void ParamBlockDesc::showInOpenMaps(const ParamBlock& block, ParamID id, int tabIndex) {
+    for (ui::ParamMap* open : openMaps_)
+        if (open->GetParamBlock() == &block) open->Invalidate(id, tabIndex);
+}
+
 void ParamBlockDesc::removeOpenMap(ui::ParamMap* map) {
     openMaps_.erase(std::remove(openMaps_.begin(), openMaps_.end(), map), openMaps_.end());
 }
@@ -316,6 +321,8 @@ void ParamBlock::store(Slot& s, int tabIndex, ParamValue v) {
         theHold.Put(
             std::make_unique<ParamRestore>(serial_, s.def->id, tabIndex, s.values[tabIndex], v));
     s.values[tabIndex] = std::move(v);
+    // Open rollouts show every change, whoever makes it (code, undo, a script).
+    desc_->showInOpenMaps(*this, s.def->id, tabIndex);
 }
 
 bool ParamBlock::setRawValue(ParamID id, int tabIndex, const ParamValue& v) {

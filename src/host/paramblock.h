@@ -166,6 +166,8 @@ public:
     // The open rollouts of blocks of this descriptor; ParamMap keeps it.
     void addOpenMap(ui::ParamMap* map) { openMaps_.push_back(map); }
     void removeOpenMap(ui::ParamMap* map);
+    // Show a stored change of block's parameter in the rollouts open on block.
+    void showInOpenMaps(const ParamBlock& block, ParamID id, int tabIndex);
 
 private:
     std::vector<ParamDef> params_;

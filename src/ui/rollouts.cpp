@@ -114,11 +114,10 @@ void PatternBaseDlgProc::refresh() {
 void PatternBaseDlgProc::command(int control) {
     switch (control) {
         case base::kFitCropBox:
-            // The bindings do not see values written by code: show the new size.
-            if (obj_->fitCropBox()) patternPBDesc().InvalidateUI(kCropSize);
+            obj_->fitCropBox();
             break;
         case base::kResetCropBox:
-            if (obj_->resetCropBox(true)) patternPBDesc().InvalidateUI(kCropSize);
+            obj_->resetCropBox(true);
             break;
         case base::kPatternRenderable:
             toggleRenderable(*window_, base::kPatternRenderable, nodeOf(block(), kPattern));

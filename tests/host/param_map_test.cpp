@@ -165,12 +165,11 @@ TEST_F(ParamMapTest, ControlsShowTheBlockAndEditsAreStoredAsOneUndoStepEach) {
     EXPECT_EQ(block.GetStr(4), "other.glb");
     EXPECT_EQ(theHold.undoCount(), 6);
     EXPECT_EQ(theHold.undoName(), "File");
+    // Changes made elsewhere (an undo, code) show at once.
     theHold.Undo();
     EXPECT_EQ(block.GetStr(4), "tile.obj");
-
-    // A change made elsewhere shows once the descriptor is told.
+    EXPECT_EQ(w->control(kFile).text, "tile.obj");
     block.SetValue(1, 0, 100);
-    desc.InvalidateUI(1);
     EXPECT_EQ(w->control(kCountEdit).text, "100");
 
     cd.EndEditParams(&ip, &obj, 0, nullptr);

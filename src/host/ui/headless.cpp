@@ -257,6 +257,10 @@ void HeadlessWindow::setPickedNode(int id, Node::Handle node) {
 
 View* HeadlessWindow::view(int id) { return headlessView(id); }
 
+void HeadlessWindow::paintViews() {
+    for (auto& [id, view] : views_) view->repaint();
+}
+
 HeadlessView* HeadlessWindow::headlessView(int id) {
     const auto it = views_.find(id);
     return it == views_.end() ? nullptr : it->second.get();
@@ -380,6 +384,8 @@ int HeadlessUI::runModal(const DialogTemplate& tmpl, DialogProc& proc) {
     modal_ = &window;
     ++modalsRun_;
     proc.message(window, Message::Init, 0, Notify::Clicked);
+    // A dialog shown for the first time paints its views.
+    window.paintViews();
     if (!modalDrivers_.empty()) {
         const std::function<void(HeadlessWindow&)> driver = std::move(modalDrivers_.front());
         modalDrivers_.pop_front();
@@ -430,6 +436,7 @@ std::optional<std::string> HeadlessUI::openFile(const std::string& title,
 
 void HeadlessUI::showImage(const Image& image, const std::string& title) {
     images_.push_back(image);
+    imageTitles_.push_back(title);
 }
 
 }  // namespace mq::ui

@@ -123,6 +123,8 @@ public:
 
     const ControlState& control(int id) const;
     HeadlessView* headlessView(int id);
+    // Paint every view, as showing the window does.
+    void paintViews();
     bool ended() const { return ended_; }
     int result() const { return result_; }
 
@@ -202,6 +204,7 @@ public:
     const std::vector<MessageBoxRecord>& messageBoxes() const { return boxes_; }
     const std::vector<std::string>& folderPickerStarts() const { return folderStarts_; }
     const std::vector<Image>& images() const { return images_; }
+    const std::vector<std::string>& imageTitles() const { return imageTitles_; }
 
 private:
     std::vector<std::unique_ptr<Page>> pages_;
@@ -213,6 +216,7 @@ private:
     std::vector<MessageBoxRecord> boxes_;
     std::vector<std::string> folderStarts_;
     std::vector<Image> images_;
+    std::vector<std::string> imageTitles_;
 };
 
 }  // namespace mq::ui
