@@ -17,11 +17,6 @@ namespace mq {
 namespace {
 HostInterface* gCurrent = nullptr;
 
-bool hasExtension(const fs::path& p, const char* ext) {
-    std::string e = p.extension().string();
-    std::transform(e.begin(), e.end(), e.begin(), [](unsigned char c) { return std::tolower(c); });
-    return e == ext;
-}
 }  // namespace
 
 HostInterface* GetCOREInterface() { return gCurrent; }
@@ -79,7 +74,7 @@ int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool se
         // Read everything into a scene of its own first, so a bad file merges nothing.
         auto incoming = std::make_unique<Scene>();
         ILoad iload;
-        if (hasExtension(file, ".mosaiq")) {
+        if (isSceneFile(file)) {
             incoming = readSceneFile(file, iload, [this](const std::string& w) { warning(w); });
         } else {
             ImportedScene imported = importMeshFile(file);

@@ -7,6 +7,8 @@
 #include "host/import.h"
 #include "host/object.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -747,6 +749,13 @@ void loadScene(HostInterface& ip, const fs::path& file) {
     ip.setScene(std::move(scene));
     for (const std::string& w : warnings) ip.warning(w);
     iload.runPostLoadCallbacks();
+}
+
+bool isSceneFile(const std::filesystem::path& file) {
+    std::string ext = file.extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    return ext == ".mosaiq";
 }
 
 }  // namespace mq

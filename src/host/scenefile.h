@@ -18,6 +18,9 @@ namespace mq {
 
 inline constexpr int kSceneFileVersion = 1;
 
+// True for a file name with the scene files' extension (.mosaiq, any case).
+bool isSceneFile(const std::filesystem::path& file);
+
 // A scene file that cannot be read or written. what() names the file, the
 // JSON path where it applies ("/nodes/2/object/params/3") and the reason.
 class SceneError : public std::runtime_error {

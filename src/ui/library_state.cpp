@@ -2,6 +2,7 @@
 
 #include "host/atomic_file.h"
 #include "host/import.h"
+#include "host/scenefile.h"
 #include "host/ui/bitmap.h"
 
 #include <algorithm>
@@ -64,10 +65,7 @@ void addFile(LibBrowserState& s, std::string name, std::string path, int x, int 
 }  // namespace
 
 bool isPatternFile(const fs::path& file) {
-    std::string ext = file.extension().string();
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return char(std::tolower(c)); });
-    return ext == ".mosaiq" || mq::isImportableMeshFile(file);
+    return mq::isSceneFile(file) || mq::isImportableMeshFile(file);
 }
 
 std::vector<std::string> scanLibrary(LibBrowserState& s, std::string path) {
