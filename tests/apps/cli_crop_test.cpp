@@ -27,22 +27,19 @@ protected:
         const Result r = mosaiq(args);
         ASSERT_EQ(r.code, 0) << r.err;
     }
-    // A parameter of Mosaiq001 (the scene's first node) as the file holds it, flattened.
-    static std::vector<double> param(const std::string& scene, const std::string& name) {
+    // A parameter of Mosaiq001 (the scene's first node) as the file holds it.
+    static json param(const std::string& scene, const std::string& name) {
         const json doc = json::parse(readText(scene));
-        std::vector<double> flat;
         for (const json& p : doc["nodes"][0]["object"]["paramBlocks"][0]["params"])
-            if (p["name"] == name)
-                for (const json& v : p["value"].flatten()) flat.push_back(v.get<double>());
-        return flat;
+            if (p["name"] == name) return p["value"];
+        return json();
     }
-    static void expectNear(const std::vector<double>& got, const std::vector<double>& want,
-                           double eps = 1e-4) {
-        ASSERT_EQ(got.size(), want.size());
-        for (size_t i = 0; i < want.size(); ++i) EXPECT_NEAR(got[i], want[i], eps) << i;
-    }
-    static void expectNear(const json& got, const std::vector<double>& want) {
-        expectNear(got.get<std::vector<double>>(), want);
+    // Numbers, nested or not, each within eps of want's.
+    static void expectNear(const json& got, const std::vector<double>& want, double eps = 1e-4) {
+        std::vector<double> flat;
+        for (const json& v : got.flatten()) flat.push_back(v.get<double>());
+        ASSERT_EQ(flat.size(), want.size()) << got;
+        for (size_t i = 0; i < want.size(); ++i) EXPECT_NEAR(flat[i], want[i], eps) << i;
     }
 
     const std::string scene_ = (dir_ / "simple.mosaiq").string();

@@ -20,23 +20,15 @@ using test::expectNear;
 Mesh sharedIndexMesh() {
     Mesh mesh;
     mesh.verts = {{1, 2, 3}, {4, 2, 3.5f}, {1, 6, 5}, {-2, 7, 9}};
-    mesh.faces.resize(2);
-    const uint32_t tris[2][3] = {{0, 1, 2}, {0, 2, 3}};
-    std::vector<std::array<int, 3>> normalFaces;
-    for (int f = 0; f < 2; ++f) {
-        for (int c = 0; c < 3; ++c) mesh.faces[f].v[c] = tris[f][c];
-        normalFaces.push_back({int(tris[f][0]), int(tris[f][1]), int(tris[f][2])});
-    }
-    mesh.setMapSupport(1, true);
+    mesh.faces = {Face{{0, 1, 2}}, Face{{0, 2, 3}}};
+    mesh.setMapSupport(1);
     mesh.Map(1).verts = {{0.1f, 0.2f, 0}, {0.9f, 0.25f, 0}, {0.5f, 0.8f, 0}, {0.0f, 1.0f, 0}};
-    for (int f = 0; f < 2; ++f) {
-        for (int c = 0; c < 3; ++c) mesh.Map(1).faces[f].t[c] = tris[f][c];
-    }
+    mesh.Map(1).faces = {{{0, 1, 2}}, {{0, 2, 3}}};
     mesh.SpecifyNormals();
     mesh.GetSpecifiedNormals()->SetNormals(
         {Normalize(Point3(0, 0, 1)), Normalize(Point3(1, 0, 1)), Normalize(Point3(0, 1, 1)),
          Normalize(Point3(-1, -1, 2))},
-        normalFaces);
+        {{0, 1, 2}, {0, 2, 3}});
     return mesh;
 }
 

@@ -41,14 +41,13 @@ TEST(HitRecordStore, LookupFindsOnlyTheRayThatWrote) {
     EXPECT_EQ(store.lookup(0, 2, 5)->faceIndex, 7);
     EXPECT_EQ(store.lookup(2, 2, 5)->faceIndex, 12);  // each thread its own
 
-    EXPECT_EQ(store.lookup(0, 2, 6), nullptr);  // a later ray on the same level
-    EXPECT_EQ(store.lookup(0, 1, 5), nullptr);  // levels below were never written
-    EXPECT_EQ(store.lookup(0, 0, 0), nullptr);  // empty entries don't match tag 0
-    EXPECT_EQ(store.lookup(0, 3, 5), nullptr);  // beyond the list
-    EXPECT_EQ(store.lookup(1, 2, 5), nullptr);  // another thread's list
-    EXPECT_EQ(store.lookup(3, 2, 5), nullptr);  // no such thread
-    EXPECT_EQ(store.lookup(-1, 2, 5), nullptr);
-    EXPECT_EQ(store.lookup(0, -1, 5), nullptr);
+    // Nothing for: a later ray on the same level, a level below never written,
+    // tag 0 on an empty entry, beyond the list, another thread, no such thread.
+    const std::tuple<int, int, uint32_t> nothing[] = {{0, 2, 6}, {0, 1, 5}, {0, 0, 0},  {0, 3, 5},
+                                                      {1, 2, 5}, {3, 2, 5}, {-1, 2, 5}, {0, -1, 5}};
+    for (const auto& [thread, level, tag] : nothing)
+        EXPECT_EQ(store.lookup(thread, level, tag), nullptr)
+            << thread << " " << level << " " << tag;
 
     // A later ray overwrites: the earlier one's record is gone.
     ASSERT_TRUE(store.write(0, 2, 9, hitWithFace(3)));
