@@ -1,6 +1,6 @@
-// mosaiq render, run as a user runs it from the repository root: crops,
-// frame ranges, -D overrides, determinism and Ctrl-C. The failures are
-// cli_test's.
+// mosaiq render, run as a user runs it from the repository root:
+// determinism, crops, -D overrides, frame ranges and Ctrl-C. The failures
+// are cli_test's.
 #include "support/cli_runner.h"
 #include "support/picture.h"
 
@@ -30,7 +30,7 @@ protected:
     }
 };
 
-TEST_F(RenderCli, RendersAreDeterministicAndACropIsTheSameRegionOfTheFullImage) {
+TEST_F(RenderCli, RendersAreDeterministicCropsTheSameRegionAndDefinesChangeThem) {
     const Result r = tiny(path("full.png"));
     ASSERT_EQ(r.code, 0) << r.err;
     ASSERT_EQ(tiny(path("again.png")).code, 0);
@@ -54,6 +54,20 @@ TEST_F(RenderCli, RendersAreDeterministicAndACropIsTheSameRegionOfTheFullImage) 
     }
     EXPECT_LE(differing, 32 * 24 * 4 / 100);
     EXPECT_EQ(outside, 0);
+
+    // -D sets render settings, and node parameters: the surface's material
+    // swapped and the pattern off change the picture.
+    ASSERT_EQ(mosaiq({"render", "examples/pavers-plane.mosaiq", "-o", path("d.png").string(), "-D",
+                      "width=20", "-D", "height=10", "--spp", "1", "-q"})
+                  .code,
+              0);
+    const Picture defined = mq::test::readPicture(path("d.png"));
+    EXPECT_TRUE(defined.width == 20 && defined.height == 10);
+    ASSERT_EQ(tiny(path("changed.png"),
+                   {"-D", "Surface.material=ground", "-D", "Mosaiq_pavers.Pattern_On=0"})
+                  .code,
+              0);
+    EXPECT_NE(readText(path("full.png")), readText(path("changed.png")));
 }
 
 TEST_F(RenderCli, FramesAreNumberedAndANodeThatRendersNothingIsNamedEachFrame) {
@@ -88,23 +102,6 @@ TEST_F(RenderCli, FramesAreNumberedAndANodeThatRendersNothingIsNamedEachFrame) {
     const Result found = mosaiq(args);
     ASSERT_EQ(found.code, 0) << found.err;
     EXPECT_EQ(found.err.find("renders nothing"), std::string::npos) << found.err;
-}
-
-TEST_F(RenderCli, DefinesOverrideSettingsAndParameters) {
-    // Render settings: -D sets the size.
-    ASSERT_EQ(mosaiq({"render", "examples/pavers-plane.mosaiq", "-o", path("d.png").string(), "-D",
-                      "width=20", "-D", "height=10", "--spp", "1", "-q"})
-                  .code,
-              0);
-    EXPECT_EQ(mq::test::readPicture(path("d.png")).width, 20);
-    EXPECT_EQ(mq::test::readPicture(path("d.png")).height, 10);
-    // A node parameter changes the picture: the surface's material swapped.
-    ASSERT_EQ(tiny(path("plain.png")).code, 0);
-    ASSERT_EQ(tiny(path("changed.png"),
-                   {"-D", "Surface.material=ground", "-D", "Mosaiq_pavers.Pattern_On=0"})
-                  .code,
-              0);
-    EXPECT_NE(readText(path("plain.png")), readText(path("changed.png")));
 }
 
 TEST_F(RenderCli, InterruptLeavesNoFile) {
