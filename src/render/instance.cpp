@@ -51,10 +51,6 @@ void HitRecordStore::clearTags() noexcept {
     }
 }
 
-int32_t HitRecordStore::entryCount(int32_t thread) const noexcept {
-    return lists_ && thread >= 0 && thread < threadCount_ ? lists_[thread].count : 0;
-}
-
 bool HitRecordStore::write(int32_t thread, int32_t level, uint32_t tag,
                            const TileHit& hit) noexcept {
     if (!lists_ || thread < 0 || thread >= threadCount_ || level < 0 || tag == 0) return false;

@@ -45,8 +45,6 @@ public:
     void clearTags() noexcept;
     bool hasLists() const { return lists_ != nullptr; }
     int32_t threadCount() const { return threadCount_; }
-    // Entries the thread's list holds (written levels and the gaps below them).
-    int32_t entryCount(int32_t thread) const noexcept;
 
     // Record hit for (thread, level) under tag. The list grows to level + 1
     // entries, new ones empty; beyond its capacity it reallocates, which only

@@ -1,5 +1,6 @@
 // The mosaiq command line, run as a user runs it: a separate process, its
-// output and its exit code.
+// output and its exit code. Every command's failures are tabled here, by
+// exit code; the other files test what the commands make when they work.
 #include "support/cli_runner.h"
 #include "support/test_util.h"
 
@@ -16,15 +17,10 @@ using mq::test::readText;
 using mq::test::writeText;
 
 using Result = mq::test::CliResult;
+using Args = std::vector<std::string>;
 
-class CliTest : public ::testing::Test {
+class CliTest : public mq::test::CliFixture {
 protected:
-    fs::path path(const std::string& name) const { return dir_ / name; }
-
-    Result mosaiq(const std::vector<std::string>& args) {
-        return mq::test::runMosaiq(args, dir_.path());
-    }
-
     // inspect --json, parsed; fails the test when the command fails.
     json inspectJson(const fs::path& scene) {
         const Result r = mosaiq({"inspect", scene.string(), "--json"});
@@ -55,25 +51,6 @@ protected:
                                     "\nv 0 0 0\nv 10 0 0\nv 10 0 10\nv 0 0 10\nvt 0 0\nvt 1 0\n"
                                     "vt 1 1\nvt 0 1\nf 1/1 2/2 3/3 4/4\n");
     }
-
-    // Runs each command line, expecting exit code `code`, an error line, and
-    // every mention in the error.
-    void expectFailures(
-        int code,
-        const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>>& cases) {
-        for (const auto& [args, mentions] : cases) {
-            std::string line;
-            for (const auto& a : args) line += a + " ";
-            SCOPED_TRACE(line);
-            const Result r = mosaiq(args);
-            EXPECT_EQ(r.code, code) << r.err;
-            EXPECT_NE(r.err.find("mosaiq: error: "), std::string::npos) << r.err;
-            for (const std::string& m : mentions)
-                EXPECT_NE(r.err.find(m), std::string::npos) << r.err;
-        }
-    }
-
-    mq::test::TempDir dir_;
 };
 
 TEST_F(CliTest, NewWritesOneMosaiqObjectAndInspectPrintsExactlyItsDefaults) {
@@ -181,64 +158,167 @@ TEST_F(CliTest, ImportMergesMeshesUnderUniqueNamesAndRefersToThem) {
     EXPECT_EQ(example.at("Surface")["value"], "Surface");
 }
 
-TEST_F(CliTest, UsageErrorsExitWithTwo) {
-    const std::string scene = newScene().string();
-    const std::string before = readText(scene);
+// Failures: usage errors exit with 2, unreadable input with 3, unwritable
+// output with 4. Each names what is wrong, and none writes or creates
+// anything in the folder, where the commands run and default outputs land.
+class CliFailures : public CliTest {
+protected:
+    void SetUp() override {
+        workDir_ = dir_.path().string();
+        const fs::path examples = fs::path(MOSAIQ_SOURCE_DIR) / "examples";
+        for (const char* name : {"simple.mosaiq", "pattern.obj"})
+            fs::copy_file(examples / name, path(name));
+        newScene();
+        writeObj("tile.obj", "Tile");
+        dir_.write("garbage.obj", "not a mesh at all");
+        dir_.write("broken.mosaiq", "{\"format\": \"mosaiq-scene\",");
+        json dangling = json::parse(readText(path("scene.mosaiq")));
+        dangling["nodes"][0]["object"]["paramBlocks"][0]["params"][2]["value"] = "Ghost";
+        writeText(path("dangling.mosaiq"), dangling.dump());
+        fs::create_directories(path("folder.mosaiq"));
+        fs::create_directories(path("taken.png"));
+        // The example with its pattern unset, itself, missing and unreadable.
+        const std::pair<std::string, Args> variants[] = {
+            {"unset", {"Pattern="}},
+            {"self", {"Pattern=Mosaiq001"}},
+            {"lost", {"Pattern_Source=1", "Pattern_File=" + path("missing.obj").string()}},
+            {"garbage", {"Pattern_Source=1", "Pattern_File=" + path("garbage.obj").string()}}};
+        for (const auto& [name, assignments] : variants) {
+            Args args = {"set", "simple.mosaiq", "Mosaiq001", "-o", name + "-pattern.mosaiq"};
+            args.insert(args.end(), assignments.begin(), assignments.end());
+            ASSERT_EQ(mosaiq(args).code, 0) << name;
+        }
+        before_ = snapshot();
+    }
+    void TearDown() override {
+        const auto after = snapshot();
+        for (const auto& [name, contents] : after)
+            EXPECT_TRUE(before_.contains(name) && before_[name] == contents) << name << " written";
+        for (const auto& [name, contents] : before_)
+            EXPECT_TRUE(after.contains(name)) << name << " removed";
+    }
+
+    // Every entry in the folder (folders as "/") with its contents.
+    std::map<std::string, std::string> snapshot() const {
+        std::map<std::string, std::string> all;
+        for (const auto& e : fs::recursive_directory_iterator(dir_.path())) {
+            const std::string name = fs::relative(e.path(), dir_.path()).string();
+            if (name != ".stdout" && name != ".stderr")
+                all[name] = e.is_directory() ? "/" : readText(e.path());
+        }
+        return all;
+    }
+
+    // Each command line exits with code and names every mention.
+    void expectFailures(int code, const std::vector<std::pair<Args, Args>>& cases) {
+        for (const auto& [args, mentions] : cases) {
+            std::string line = "mosaiq";
+            for (const auto& a : args) line += " " + a;
+            SCOPED_TRACE(line);
+            const Result r = mosaiq(args);
+            EXPECT_EQ(r.code, code) << r.err;
+            EXPECT_NE(r.err.find("mosaiq: error: "), std::string::npos) << r.err;
+            for (const std::string& m : mentions)
+                EXPECT_NE(r.err.find(m), std::string::npos) << r.err;
+        }
+    }
+
+    // A quick render of the example to out, plus extra arguments.
+    static Args render(const std::string& out, const Args& extra = {}) {
+        Args args = {"render", "simple.mosaiq", "--resolution", "48x32", "--spp", "1", "-q", "-o",
+                     out};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return args;
+    }
+
+    const std::string scene = "scene.mosaiq", simple = "simple.mosaiq";
+    std::map<std::string, std::string> before_;
+};
+
+TEST_F(CliFailures, UsageErrorsExitWithTwo) {
     expectFailures(
-        2, {
-               {{}, {}},
-               {{"inspect"}, {"SCENE"}},
-               {{"set", scene, "Mosaiq001"}, {}},
-               {{"set", scene, "Mosaiq001", "Crop_Size"}, {"KEY=VALUE", "Crop_Size"}},
-               {{"set", scene, "Mosaiq001", "Nope=1"},
-                {"Mosaiq001", "Nope", "renderable", "Crop_Size", "Crop_Transfrom", "Poli_ID"}},
-               {{"set", scene, "Nobody", "Height=1"}, {"Nobody"}},
-               {{"set", scene, "Mosaiq001", "Height=tall"}, {"Mosaiq001", "Height", "tall"}},
-               {{"set", scene, "Mosaiq001", "Map_Channel=1.5"}, {"Map_Channel", "1.5"}},
-               {{"set", scene, "Mosaiq001", "Crop_Size=1,2"}, {"Crop_Size", "3"}},
-               {{"set", scene, "Mosaiq001", "Crop_Size[3]=1"}, {"Crop_Size", "0 to 2"}},
-               {{"set", scene, "Mosaiq001", "Height[0]=1"}, {"Height", "not a table"}},
-               {{"set", scene, "Mosaiq001", "Pattern=Ghost"}, {"Pattern", "Ghost"}},
-               {{"set", scene, "Mosaiq001", "material=Gold"}, {"Gold"}},
-               {{"set", scene, "Mosaiq001", "transform=1,2,3"}, {"transform", "12"}},
-               // A good assignment before a bad one is not written either.
-               {{"set", scene, "Mosaiq001", "Height=50", "UV_Random_Seed=x"}, {"UV_Random_Seed"}},
-           });
-    EXPECT_EQ(readText(scene), before);
+        2,
+        {
+            {{}, {}},
+            {{"inspect"}, {"SCENE"}},
+            {{"set", scene, "Mosaiq001"}, {}},
+            {{"set", scene, "Mosaiq001", "Crop_Size"}, {"KEY=VALUE", "Crop_Size"}},
+            {{"set", scene, "Mosaiq001", "Nope=1"},
+             {"Mosaiq001", "Nope", "renderable", "Crop_Size", "Crop_Transfrom", "Poli_ID"}},
+            {{"set", scene, "Nobody", "Height=1"}, {"Nobody"}},
+            {{"set", scene, "Mosaiq001", "Height=tall"}, {"Mosaiq001", "Height", "tall"}},
+            {{"set", scene, "Mosaiq001", "Map_Channel=1.5"}, {"Map_Channel", "1.5"}},
+            {{"set", scene, "Mosaiq001", "Crop_Size=1,2"}, {"Crop_Size", "3"}},
+            {{"set", scene, "Mosaiq001", "Crop_Size[3]=1"}, {"Crop_Size", "0 to 2"}},
+            {{"set", scene, "Mosaiq001", "Height[0]=1"}, {"Height", "not a table"}},
+            {{"set", scene, "Mosaiq001", "Pattern=Ghost"}, {"Pattern", "Ghost"}},
+            {{"set", scene, "Mosaiq001", "material=Gold"}, {"Gold"}},
+            {{"set", scene, "Mosaiq001", "transform=1,2,3"}, {"transform", "12"}},
+            // A good assignment before a bad one is not written either.
+            {{"set", scene, "Mosaiq001", "Height=50", "UV_Random_Seed=x"}, {"UV_Random_Seed"}},
+            {{"crop", "reset", simple, "Nobody"}, {"Nobody"}},
+            {{"crop", "fit", simple, "Surface"}, {"Surface", "not a Mosaiq object"}},
+            {{"inspect", simple, "--tile", "Nobody"}, {"Nobody"}},
+            {{"inspect", simple, "--tile", "Pattern"}, {"Pattern", "not a Mosaiq object"}},
+            {{"crop", "twist", simple, "Mosaiq001"}, {"twist"}},
+            {{"crop", "reset", simple}, {"NODE"}},
+            {{"bake", simple, "Mosaiq001", "-o", "mesh.fbx"}, {"unsupported mesh format \".fbx\""}},
+            {{"bake", simple, "Surface", "-o", "mesh.glb"}, {"is not a Mosaiq object"}},
+            {{"bake", simple, "Nobody", "-o", "mesh.glb"}, {"no node named \"Nobody\""}},
+            {{"preview", simple, "Mosaiq001", "--pattern", "pattern.obj"}, {}},
+            {{"preview"}, {}},
+            {{"preview", "--pattern", "pattern.obj", "--crop", "0,0,1,10,0,4"}, {}},
+            {render("bad.png", {"--crop", "40,8,0,10"}), {"--crop"}},
+            {render("bad.png", {"--crop", "0,49,0,10"}), {"--crop"}},
+            {render("x.tiff"), {"unsupported image format"}},
+            {render("seq.png", {"--frames", "3-1"}), {"--frames"}},
+            {render("e.png", {"-D", "bogus=1"}), {"bogus"}},
+            {render("e.png", {"-D", "Nobody.Tiling=1,1"}), {"Nobody"}},
+            {render("e.png", {"-D", "Mosaiq001.Tiling=a,b"}), {"Tiling"}},
+        });
 }
 
-TEST_F(CliTest, InputErrorsExitWithThreeAndOutputErrorsWithFour) {
-    const std::string scene = newScene().string();
-    const std::string before = readText(scene);
-    writeText(path("broken.mosaiq"), "{\"format\": \"mosaiq-scene\",");
-    writeText(path("garbage.obj"), "not a mesh at all");
-    json dangling = json::parse(before);
-    dangling["nodes"][0]["object"]["paramBlocks"][0]["params"][2]["value"] = "Ghost";
-    writeText(path("dangling.mosaiq"), dangling.dump());
-    auto at = [&](const char* name) { return path(name).string(); };
+TEST_F(CliFailures, InputErrorsExitWithThree) {
     expectFailures(
-        3, {
-               {{"inspect", at("missing.mosaiq")}, {"missing.mosaiq"}},
-               {{"inspect", at("broken.mosaiq")}, {"broken.mosaiq", "JSON", "line 1"}},
-               {{"inspect", at("dangling.mosaiq")},
-                {"dangling.mosaiq", "/nodes/0/object/paramBlocks/0/params/2/value", "Ghost"}},
-               {{"set", at("missing.mosaiq"), "Mosaiq001", "Height=1"}, {"missing.mosaiq"}},
-               {{"import", scene, at("nothere.obj")}, {"nothere.obj"}},
-               {{"import", scene, at("garbage.obj")}, {"garbage.obj"}},
-           });
-    EXPECT_EQ(readText(scene), before) << "a failed import must not write the scene";
-    EXPECT_FALSE(fs::exists(path("missing.mosaiq")));
+        3,
+        {
+            {{"inspect", "missing.mosaiq"}, {"missing.mosaiq"}},
+            {{"inspect", "broken.mosaiq"}, {"broken.mosaiq", "JSON", "line 1"}},
+            {{"inspect", "dangling.mosaiq"},
+             {"dangling.mosaiq", "/nodes/0/object/paramBlocks/0/params/2/value", "Ghost"}},
+            {{"set", "missing.mosaiq", "Mosaiq001", "Height=1"}, {"missing.mosaiq"}},
+            {{"import", scene, "nothere.obj"}, {"nothere.obj"}},
+            {{"import", scene, "garbage.obj"}, {"garbage.obj"}},
+            {{"render", "missing.mosaiq", "-o", "o.png"}, {"missing.mosaiq"}},
+            {{"render", "broken.mosaiq", "-o", "o.png"}, {"broken.mosaiq"}},
+            {{"bake", "none.mosaiq", "Mosaiq001", "-o", "mesh.glb"}, {"no such scene file"}},
+            // A pattern that cannot be captured, through each command that captures it.
+            {{"crop", "reset", "lost-pattern.mosaiq", "Mosaiq001"}, {"Mosaiq001", "missing.obj"}},
+            {{"crop", "fit", "garbage-pattern.mosaiq", "Mosaiq001"}, {"Mosaiq001", "garbage.obj"}},
+            {{"inspect", "unset-pattern.mosaiq", "--tile", "Mosaiq001"},
+             {"Mosaiq001", "\"Pattern\""}},
+            {{"crop", "reset", "self-pattern.mosaiq", "Mosaiq001"}, {"\"Mosaiq001\" has no mesh"}},
+            {{"bake", "lost-pattern.mosaiq", "Mosaiq001", "-o", "mesh.glb"},
+             {"Mosaiq001: frame 0: cannot bake: "}},
+            {{"preview", "unset-pattern.mosaiq", "Mosaiq001", "-o", "out.png"}, {"Mosaiq001"}},
+            {{"preview", "--pattern", "missing.obj"}, {"missing.obj"}},
+        });
+}
 
-    fs::create_directories(path("folder.mosaiq"));
-    expectFailures(
-        4, {
-               {{"new", at("no/such/folder/s.mosaiq")}, {}},
-               {{"new", at("folder.mosaiq")}, {}},
-               {{"set", scene, "Mosaiq001", "Height=5", "-o", at("no/such/out.mosaiq")}, {}},
-               {{"import", at("no/such/new.mosaiq"), writeObj("tile.obj", "Tile")}, {}},
-           });
-    EXPECT_FALSE(fs::exists(path("no")));
-    EXPECT_TRUE(fs::is_directory(path("folder.mosaiq")));
+TEST_F(CliFailures, OutputErrorsExitWithFourAndAreFoundBeforeAnyWork) {
+    expectFailures(4, {
+                          {{"new", "no/such/folder/s.mosaiq"}, {}},
+                          {{"new", "folder.mosaiq"}, {}},
+                          {{"set", scene, "Mosaiq001", "Height=5", "-o", "no/such/out.mosaiq"}, {}},
+                          {{"import", "no/such/new.mosaiq", "tile.obj"}, {}},
+                          {{"crop", "reset", simple, "Mosaiq001", "-o", "no/such/out.mosaiq"}, {}},
+                          {{"bake", simple, "Mosaiq001", "-o", "no/mesh.glb"}, {"does not exist"}},
+                          {{"bake", simple, "Mosaiq001", "-o", "mesh.glb", "--max-triangles", "10"},
+                           {" triangles, more than --max-triangles 10"}},
+                          {{"preview", "--pattern", "pattern.obj", "-o", "no/such/dir/p.png"}, {}},
+                          {render("no-such-folder/out.png"), {"no-such-folder"}},
+                          {render("taken.png"), {"taken.png"}},
+                      });
 }
 
 TEST_F(CliTest, EveryCommandRefusesASceneRenderWouldRefuseWithOneMessage) {

@@ -91,18 +91,15 @@ Render readExr(const fs::path& file) {
     return r;
 }
 
-class Differential : public ::testing::Test {
+class Differential : public mq::test::CliFixture {
 protected:
-    // Runs from the repository root, as the examples are run.
     Result mustRun(const std::vector<std::string>& args) {
-        Result r = mq::test::runMosaiq(args, dir_.path(), MOSAIQ_SOURCE_DIR);
+        Result r = mosaiq(args);
         std::string line = "mosaiq";
         for (const std::string& a : args) line += " " + a;
         EXPECT_EQ(r.code, 0) << line << "\n" << r.err;
         return r;
     }
-
-    mq::test::TempDir dir_;
 };
 
 TEST_F(Differential, BakedMeshRendersLikeTheProceduralPieces) {

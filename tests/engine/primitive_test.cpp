@@ -59,14 +59,6 @@ Matrix3 skewMap() {
     return m * RotateZMatrix(0.9f) * RotateXMatrix(0.3f) * TransMatrix(Point3(12, -5, 3.5f));
 }
 
-// Sets prim up over tile corners tc whose world corners w are tc mapped by skewMap().
-bool initSkewed(MosaiqPrimitive& prim, const PatternTile* tile, const Point3 tc[4], Point3 w[4],
-                int32_t seed, const Point3 dirs[4] = kUps) {
-    for (int i = 0; i < 4; ++i) w[i] = tc[i] * skewMap();
-    prim.tile = tile;
-    return prim.init(w, tc, dirs, kUp, seed);
-}
-
 // ---------------------------------------------------------------------------
 // A piece whose world and tile corners coincide (ten times the unit
 // tetrahedron), so its matrices are exact; the tile has a floor at z = 5
@@ -92,43 +84,10 @@ protected:
     static uint32_t ownerKeyOf(const MosaiqPrimitive& piece) {
         return uint32_t(reinterpret_cast<uintptr_t>(&piece));
     }
-    // The floor straight below (2, 1, 9), hit at distance 4 on face 0.
-    TileHit floorHit() {
-        WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
-        TileHit hit;
-        EXPECT_TRUE(prim.intersect(ray, hit));
-        return hit;
-    }
 
     std::unique_ptr<PatternTile> tile;
     MosaiqPrimitive prim;
 };
-
-TEST_F(PrimitiveUnitPiece, HitWritesTheRayAndTheRecord) {
-    WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
-    TileHit hit;
-    ASSERT_TRUE(prim.intersect(ray, hit));
-    EXPECT_EQ(ray.bestDistance, 4.0);
-    EXPECT_EQ(ray.hitPrimitive, &prim);
-    EXPECT_EQ(hit.faceIndex, 0);
-    EXPECT_EQ(hit.faceKey, faceKeyOf(ownerKeyOf(prim), 0));
-    EXPECT_EQ(ray.hitKey, hit.faceKey);
-    // Face 0 runs (0,0) (10,0) (10,10): the point (2, 1) weighs corners 1
-    // and 2 by 0.1 each. The shading point is in the piece's unit frame.
-    EXPECT_NEAR(hit.beta, 0.1f, 1e-6f);
-    EXPECT_NEAR(hit.gamma, 0.1f, 1e-6f);
-    expectNear(hit.shadingPoint, Point3(0.2f, 0.1f, 0.5f), 1e-6f);
-
-    // A miss leaves ray and record untouched.
-    ray = makeRay({2, 1, 9}, {0, 0, -1});
-    ray.bestDistance = 3.9;
-    hit.faceIndex = 42;
-    EXPECT_FALSE(prim.intersect(ray, hit));
-    EXPECT_EQ(ray.bestDistance, 3.9);
-    EXPECT_EQ(ray.hitPrimitive, nullptr);
-    EXPECT_EQ(ray.hitKey, -1);
-    EXPECT_EQ(hit.faceIndex, 42);
-}
 
 TEST_F(PrimitiveUnitPiece, RangeEndsSidePlanesAndBadDirections) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -145,6 +104,7 @@ TEST_F(PrimitiveUnitPiece, RangeEndsSidePlanesAndBadDirections) {
         {"hit exactly at tMax", {2, 1, 9}, {0, 0, -1}, 0.0f, 4.0f, 1e30, 4.0, 0},
         {"tMax just short of the hit", {2, 1, 9}, {0, 0, -1}, 0.0f, std::nextafter(4.0f, 0.0f)},
         {"hit at the best distance", {2, 1, 9}, {0, 0, -1}, 0.0f, 1e30f, 4.0, 4.0, 0},
+        {"hit beyond the best distance", {2, 1, 9}, {0, 0, -1}, 0.0f, 1e30f, 3.9},
         // The wall is in tile space ahead of these rays, but only within
         // the piece for the lower one.
         {"wall beyond the piece", {0.5f, 3, 4}, {1, 0, 0}},
@@ -166,10 +126,18 @@ TEST_F(PrimitiveUnitPiece, RangeEndsSidePlanesAndBadDirections) {
         ray.tMax = c.tMax;
         ray.bestDistance = c.best;
         TileHit hit;
+        hit.faceIndex = 42;
         ASSERT_EQ(prim.intersect(ray, hit), c.distance >= 0);
-        if (c.distance < 0) continue;
+        if (c.distance < 0) {  // a miss leaves ray and record untouched
+            EXPECT_TRUE(ray.bestDistance == c.best && !ray.hitPrimitive && ray.hitKey == -1);
+            EXPECT_EQ(hit.faceIndex, 42);
+            continue;
+        }
         EXPECT_EQ(ray.bestDistance, c.distance);
+        EXPECT_EQ(ray.hitPrimitive, &prim);
         EXPECT_EQ(hit.faceIndex, c.face);
+        EXPECT_EQ(hit.faceKey, faceKeyOf(ownerKeyOf(prim), c.face));
+        EXPECT_EQ(ray.hitKey, hit.faceKey);
     }
 }
 
@@ -193,8 +161,15 @@ TEST_F(PrimitiveUnitPiece, RayLeavingAFacePassesThroughIt) {
     EXPECT_EQ(throughOther.hitKey, faceKeyOf(ownerKeyOf(other), 0));
 }
 
-TEST_F(PrimitiveUnitPiece, ShadingNormalIgnoresUpAndDownAndBlendsCornerNormals) {
-    const TileHit hit = floorHit();
+TEST_F(PrimitiveUnitPiece, HitPointAndShadingNormalWhichIgnoresUpAndDownAndBlendsCorners) {
+    WorldRay ray = makeRay({2, 1, 9}, {0, 0, -1});
+    TileHit hit;
+    ASSERT_TRUE(prim.intersect(ray, hit));
+    // Face 0 runs (0,0) (10,0) (10,10): the point (2, 1) weighs corners 1
+    // and 2 by 0.1 each. The shading point is in the piece's unit frame.
+    EXPECT_NEAR(hit.beta, 0.1f, 1e-6f);
+    EXPECT_NEAR(hit.gamma, 0.1f, 1e-6f);
+    expectNear(hit.shadingPoint, Point3(0.2f, 0.1f, 0.5f), 1e-6f);
     // Surface normal up or straight down: not bent.
     expectNear(prim.shadingNormal(hit), kUp, 1e-6f);
     const Point3 down[4] = {{0, 0, -3}, {0, 0, -3}, {0, 0, -3}, {0, 0, -3}};
@@ -249,8 +224,6 @@ TEST(PrimitiveInit, MatricesCarryCornersAndRoundTrip) {
     for (int i = 0; i < 4; ++i) w[i] = kWideCorners[i] * map;
     MosaiqPrimitive prim;
     ASSERT_TRUE(prim.init(w, kWideCorners, kUps, Point3(0, 0, 5), 9));
-    EXPECT_EQ(prim.seed, 9);
-    EXPECT_EQ(prim.upVector, kUp);
     for (int i = 0; i < 4; ++i) {
         expectNear(w[i] * prim.worldToTile, kWideCorners[i], 1e-4f);
         expectNear(kWideCorners[i] * prim.tileToWorld, w[i], 1e-4f);
@@ -336,9 +309,11 @@ TEST(PrimitiveIntersect, NormalsAreTheWorldFacesAndNothingIsAllocated) {
     std::mt19937 rng(11);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f);
     auto tile = makeTile(test::randomSoup(rng, 150, 4.0f), Point3(10, 10, 10), 3, 2);
-    MosaiqPrimitive prim;
     Point3 w[4];
-    ASSERT_TRUE(initSkewed(prim, tile.get(), kWideCorners, w, -5));
+    for (int i = 0; i < 4; ++i) w[i] = kWideCorners[i] * map;
+    MosaiqPrimitive prim;
+    prim.tile = tile.get();
+    ASSERT_TRUE(prim.init(w, kWideCorners, kUps, kUp, -5));
     SegmentRandomTable::fill();
     constexpr int kRays = 600;
     int hits = 0;

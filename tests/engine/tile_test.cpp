@@ -58,7 +58,6 @@ TEST(TileBuild, CropBoxBecomesZeroToCropSizeInsideOddlyGrownTreeBounds) {
     EXPECT_FLOAT_EQ(box.pmax.z, 10.123457f);
     // min is lowered with the already grown max.
     EXPECT_EQ(box.pmin, Point3() - box.pmax * 0.0023456789f);
-    EXPECT_NEAR(box.pmin.x, -0.0712f, 1e-4f);
 }
 
 TEST(TileBuild, NormalsTurnWithMirroringWhileWindingFollowsTheVertices) {
@@ -193,14 +192,11 @@ TEST(TileBuild, TheOctreeTakesWhatFitsItsMemoryBudgetAndReportsWhatDoesNot) {
     EXPECT_EQ(stats.nodes, 70065);
 
     // Past the budget the build fails with the numbers and leaves the tile released.
-    try {
+    const std::string what = test::messageOf<OctreeTooLarge>([&] {
         tile.build(stack, Matrix3(), Point3(10, 10, 10), 1, 1, {.memoryBudget = stats.bytes - 1});
-        ADD_FAILURE() << "the build passed a budget one byte short of its tree";
-    } catch (const OctreeTooLarge& e) {
-        const std::string what = e.what();
-        EXPECT_NE(what.find("71 faces"), std::string::npos) << what;
-        EXPECT_NE(what.find(kOctreeMemoryVariable), std::string::npos) << what;
-    }
+    });
+    EXPECT_NE(what.find("71 faces"), std::string::npos) << what;
+    EXPECT_NE(what.find(kOctreeMemoryVariable), std::string::npos) << what;
     EXPECT_TRUE(!tile.tree && tile.faceCount == 0);
 }
 
@@ -215,10 +211,7 @@ public:
 class TileCapture : public ::testing::Test {
 protected:
     Node* addNode(const std::string& name, Object* obj, const Matrix3& tm = Matrix3()) {
-        auto node = std::make_unique<Node>(name);
-        node->SetObjectRef(obj);
-        node->setLocalTM(tm);
-        return host_.GetRootNode()->attachChild(std::move(node));
+        return test::addNode(host_.GetRootNode(), name, obj, tm);
     }
     bool capture(PatternTile& tile, const PatternSource& source, const CropBox& crop = {}) {
         why_.clear();

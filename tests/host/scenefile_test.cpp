@@ -18,6 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using json = nlohmann::json;
+using test::addNode;
 using test::readText;
 using test::writeText;
 
@@ -174,12 +175,6 @@ std::string meshText(const Mesh& m) {
     return s.str();
 }
 
-Node* addNode(Node* parent, const std::string& name, Object* obj = nullptr) {
-    Node* n = parent->attachChild(std::make_unique<Node>(name));
-    if (obj) n->SetObjectRef(obj);
-    return n;
-}
-
 ProbeObject* newProbe() {
     registerProbe();
     return static_cast<ProbeObject*>(createObject(GEOMOBJECT_CLASS_ID, gProbeDesc.ClassID()));
@@ -300,15 +295,13 @@ TEST_F(SceneFileTest, RoundTripKeepsEveryParameterBitForBit) {
 
 TEST_F(SceneFileTest, RoundTripKeepsNodesSectionsAndInlineMeshes) {
     Scene scene;
-    Node* a = addNode(scene.root(), "A");
     const Matrix3 tm = RotateXMatrix(0.3f) * TransMatrix({1, 2, 3});
-    a->setLocalTM(tm);
+    Node* a = addNode(scene.root(), "A", nullptr, tm);
     a->setObjectOffsetTM(TransMatrix({0, 0, -0.5f}));
     a->SetRenderable(false);
     scene.materials["Red"] = {{"baseColor", {1, 0, 0}}};
     a->setMaterial("Red");
-    Node* b = addNode(a, "B");
-    b->setLocalTM(ScaleMatrix({2, 2, 2}));
+    Node* b = addNode(a, "B", nullptr, ScaleMatrix({2, 2, 2}));
     addNode(b, "C", new TriObject(oddMesh()));
     addNode(scene.root(), "D");
     scene.camera = {{"fov", 40}};

@@ -56,28 +56,8 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); 
 namespace mq {
 namespace {
 
+// The floor tile's crop box is (kCrop, kCrop, 4).
 constexpr float kCrop = 10.0f;
-
-// A floor at z = 1 over the crop box (10, 10, 4), with UVs x / 10, y / 10.
-std::unique_ptr<PatternTile> floorTile() {
-    Mesh mesh;
-    mesh.verts = {{0, 0, 1}, {kCrop, 0, 1}, {kCrop, kCrop, 1}, {0, kCrop, 1}};
-    mesh.faces.resize(2);
-    const uint32_t tris[2][3] = {{0, 1, 2}, {0, 2, 3}};
-    for (int f = 0; f < 2; ++f) {
-        for (int c = 0; c < 3; ++c) mesh.faces[f].v[c] = tris[f][c];
-        mesh.faces[f].smGroup = 1;
-    }
-    mesh.setMapSupport(1, true);
-    for (const Point3& p : mesh.verts) mesh.Map(1).verts.push_back(p / kCrop);
-    for (int f = 0; f < 2; ++f) {
-        for (int c = 0; c < 3; ++c) mesh.Map(1).faces[f].t[c] = tris[f][c];
-    }
-    const Point3 crop(kCrop, kCrop, 4);
-    auto tile = std::make_unique<PatternTile>();
-    tile->build(mesh, TransMatrix(crop * -0.5f), crop, 1, 1, {.threadLimit = 0});
-    return tile;
-}
 
 struct Frame {
     SurfaceMapping mapping;
@@ -126,7 +106,7 @@ Point3 corner(const Mesh& mesh, int face, int c) { return mesh.verts[mesh.faces[
 
 TEST(BakeFlat, FloorCoversThePlaneInsideItsPiecesWithItsNormalsAndUvs) {
     // Cells straddle the faces (1.5 cells per face in U), so pieces and cells cut each other.
-    auto tile = floorTile();
+    auto tile = test::floorTile(Point3(kCrop, kCrop, 4));
     auto frame = mapSurface(makePlaneMesh(30, 20, 2, 2), *tile, 3, 2);
     BakeStats stats;
     const Mesh mesh = bake(*frame, *tile, &stats);
@@ -154,7 +134,7 @@ TEST(BakeFlat, FloorCoversThePlaneInsideItsPiecesWithItsNormalsAndUvs) {
         ASSERT_NE(piece, nullptr);
         const Point3 t = centroid * piece->worldToTile;
         const Point3 expected((t.x - std::floor(t.x / kCrop) * kCrop) / kCrop,
-                              (t.y - std::floor(t.y / kCrop) * kCrop) / kCrop, 1.0f / kCrop);
+                              (t.y - std::floor(t.y / kCrop) * kCrop) / kCrop, 1.0f / 4);
         const MeshMap& uv = mesh.Map(1);
         const Point3 baked =
             (uv.verts[uv.faces[f].t[0]] + uv.verts[uv.faces[f].t[1]] + uv.verts[uv.faces[f].t[2]]) /
@@ -166,7 +146,7 @@ TEST(BakeFlat, FloorCoversThePlaneInsideItsPiecesWithItsNormalsAndUvs) {
 }
 
 TEST(BakeLimit, RefusesBeforeAllocatingTheOutput) {
-    auto tile = floorTile();
+    auto tile = test::floorTile(Point3(kCrop, kCrop, 4));
     auto frame = mapSurface(makePlaneMesh(30, 20, 1, 1), *tile, 60, 60);
     BakeStats full;
     const Mesh all = bake(*frame, *tile, &full);

@@ -1,6 +1,6 @@
 // The preview texture: image size from the tile's extent, coverage in
-// alpha, ambient light against the analytic mean over the light directions,
-// shadowing, row order and determinism.
+// alpha and row order, ambient light against the analytic mean over the
+// light directions, shadowing and determinism.
 #include "render/preview.h"
 
 #include "support/tile_test_util.h"
@@ -73,41 +73,37 @@ TEST(PreviewTexture, ImageSizeKeepsTheAspectRatioAndCapsTheLongerSide) {
 }
 
 TEST(PreviewTexture, CoveredPixelsAreOpaqueAndLitByTheMeanOthersTransparentBlack) {
-    // One level triangle whose edge runs along x = 5 covers the left half.
-    auto tile = builtTile({{Point3(5, -10, 1), Point3(5, 30, 1), Point3(-30, 10, 1)}}, {10, 10, 2});
+    // A level floor everywhere but where x > 5 and y < 5: the bottom right,
+    // as the top row is the tile's largest y.
+    std::vector<Triangle> tris;
+    test::addFloor(tris, -10, -10, 5, 30, 1);
+    test::addFloor(tris, 5, 5, 30, 30, 1);
+    auto tile = builtTile(tris, {10, 10, 2});
     PreviewImage img;
     ASSERT_TRUE(renderPreviewTexture(*tile, 16, img));
     ASSERT_EQ(img.width, 16);
+    ASSERT_EQ(img.height, 16);
     const double mean = meanLightOnLevelFace();
     double sum = 0.0;
     int lit = 0;
     for (int row = 0; row < img.height; ++row) {
-        // Columns 0..6 lie wholly left of x = 5, 9..15 wholly right of it.
-        for (int x = 0; x <= 6; ++x) {
-            EXPECT_EQ(alphaAt(img, x, row), 1.0f) << x << ", " << row;
-            EXPECT_NEAR(lightAt(img, x, row), mean, 0.02) << x << ", " << row;
-            sum += lightAt(img, x, row);
-            ++lit;
-        }
-        for (int x = 9; x < img.width; ++x) {
-            const float* p = &img.rgba[(size_t(row) * img.width + x) * 4];
-            EXPECT_TRUE(p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 0) << x << ", " << row;
+        // Columns 0..6 lie wholly left of x = 5, rows 0..6 wholly above y = 5;
+        // columns and rows 9..15 wholly on the other sides.
+        for (int x = 0; x < img.width; ++x) {
+            if (x <= 6 || row <= 6) {
+                EXPECT_EQ(alphaAt(img, x, row), 1.0f) << x << ", " << row;
+                if (x <= 6) {
+                    EXPECT_NEAR(lightAt(img, x, row), mean, 0.02) << x << ", " << row;
+                }
+                sum += lightAt(img, x, row);
+                ++lit;
+            } else if (x >= 9 && row >= 9) {
+                const float* p = &img.rgba[(size_t(row) * img.width + x) * 4];
+                EXPECT_TRUE(p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 0) << x << ", " << row;
+            }
         }
     }
     EXPECT_NEAR(sum / lit, mean, 0.005);
-}
-
-TEST(PreviewTexture, TopRowIsTheTilesLargestY) {
-    // Pattern only where y > 5.
-    auto tile = builtTile({{Point3(-10, 5, 1), Point3(30, 5, 1), Point3(10, 30, 1)}}, {10, 10, 2});
-    PreviewImage img;
-    ASSERT_TRUE(renderPreviewTexture(*tile, 8, img));
-    ASSERT_EQ(img.height, 8);
-    for (int x = 0; x < img.width; ++x) {
-        for (int row = 0; row <= 2; ++row)
-            EXPECT_EQ(alphaAt(img, x, row), 1.0f) << x << ", " << row;
-        for (int row = 5; row < 8; ++row) EXPECT_EQ(alphaAt(img, x, row), 0.0f) << x << ", " << row;
-    }
 }
 
 TEST(PreviewTexture, AWallShadowsTheFloorBesideItAndRendersTheSameEveryTime) {

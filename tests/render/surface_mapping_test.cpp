@@ -20,12 +20,7 @@
 namespace mq {
 namespace {
 
-// A tile with one floor at z = 1 over the crop box (10, 20, 4).
-std::unique_ptr<PatternTile> floorTile(const Point3& crop = Point3(10, 20, 4)) {
-    std::vector<test::Triangle> tris;
-    test::addFloor(tris, 0, 0, crop.x, crop.y, 1);
-    return test::makeTile(tris, crop, 1, 1);
-}
+using test::floorTile;
 
 // Host primitives number materials from 1 inside the mesh; the tests want
 // Poli_ID 1, i.e. material id 0.
@@ -68,7 +63,7 @@ SurfaceMappingSettings settings(float height, float shift, float tilingU, float 
 }
 
 TEST(SurfaceMappingRange, PoliIdCountsFromOne) {
-    auto tile = floorTile();
+    auto tile = floorTile(Point3(10, 20, 4));
     Mesh mesh = makePlaneMesh(10, 10, 1, 2);  // four faces
     const uint16_t ids[4] = {0, 1, 0, 2};
     for (int f = 0; f < 4; ++f) mesh.faces[f].setMatID(ids[f]);
@@ -93,69 +88,51 @@ TEST(SurfaceMappingRange, PoliIdCountsFromOne) {
     }
 }
 
-TEST(SurfaceMappingPrism, HeightAndShiftAlongNormalsScaledByStretch) {
-    // Plane 10 x 10 with UVs 0..1; tile 5 x 5 x 4 at tiling 2: the tile
-    // period is 20, so the stretch factor w is 10 / 20 = 0.5.
-    auto tile = floorTile(Point3(5, 5, 4));
-    struct Case {
-        float height, shift, bottom, top;
-    };
-    const Case cases[] = {
-        {100, 0, 0.0f, 4.0f},  // 2 x size.z x w
-        {50, 0, 0.0f, 2.0f},
-        {100, 1, -0.5f, 3.5f},  // positive shift sinks the bottom
-        {100, -1, 0.5f, 4.5f},  // negative shift lifts it
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "height " << c.height << " shift " << c.shift);
-        Mesh mesh = withMaterialZero(makePlaneMesh(10, 10, 2, 2));
-        SurfaceMapping mapping;
-        std::vector<MosaiqPrimitive> pieces;
-        ASSERT_TRUE(mapping.buildFromMesh(mesh, *tile, settings(c.height, c.shift, 2, 2), pieces));
-        EXPECT_FLOAT_EQ(mapping.stats.stretchMin, 0.5f);
-        EXPECT_FLOAT_EQ(mapping.stats.stretchMax, 0.5f);
-        ASSERT_EQ(mapping.primitiveCount, 8 * 3);
-        for (int i = 0; i < mapping.primitiveCount; ++i) {
-            for (const Point3& corner : pieces[i].corners) {
-                const Point3 t = corner * pieces[i].worldToTile;
-                // Bottom corners sit at tile z 0, top ones at the tile's top.
-                if (std::fabs(corner.z - c.bottom) < 1e-5f) {
-                    EXPECT_NEAR(t.z, 0.0f, 1e-4f);
-                } else {
-                    EXPECT_NEAR(corner.z, c.top, 1e-5f);
-                    EXPECT_NEAR(t.z, 4.0f, 1e-4f);
-                }
-            }
-        }
-    }
-}
-
-TEST(SurfaceMappingPrism, TilingAndRealWorldScaleInTileSpace) {
-    auto tile = floorTile(Point3(5, 8, 4));
-    struct Case {
+TEST(SurfaceMappingPrism, HeightShiftTilingAndRealWorldScale) {
+    // Plane 10 x 10 with UVs 0..1. The stretch factor w is world 10 over a
+    // tile period of 2 x crop x tiling, per axis, in the geometric mean;
+    // prisms reach 2 x crop.z x w x height / 100 up from -shift x w.
+    const struct {
+        Point3 crop;
+        float height, shift, tilingU, tilingV;
         bool realWorld;
-        float expectU, expectV;
+        float tu, tv, w, bottom, top;
+    } cases[] = {
+        {{5, 5, 4}, 100, 0, 2, 2, false, 2, 2, 0.5f, 0.0f, 4.0f},
+        {{5, 5, 4}, 50, 0, 2, 2, false, 2, 2, 0.5f, 0.0f, 2.0f},
+        {{5, 5, 4}, 100, 1, 2, 2, false, 2, 2, 0.5f, -0.5f, 3.5f},  // positive shift sinks
+        {{5, 5, 4}, 100, -1, 2, 2, false, 2, 2, 0.5f, 0.5f, 4.5f},  // negative shift lifts
+        {{5, 8, 4}, 100, 0, 2, 4, false, 2, 4, 0.2795085f, 0.0f, 2.236068f},
+        {{5, 8, 4}, 100, 0, 2, 4, true, 0.5f, 0.25f, 2.236068f, 0.0f, 17.888544f},  // reciprocal
     };
-    for (const Case c : {Case{false, 2.0f, 4.0f}, Case{true, 0.5f, 0.25f}}) {
-        SCOPED_TRACE(c.realWorld ? "real world scale" : "tiling");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "height " << c.height << " shift " << c.shift << " tiling " << c.tilingU
+                     << " x " << c.tilingV << (c.realWorld ? " real world" : ""));
+        auto tile = floorTile(c.crop);
         Mesh mesh = withMaterialZero(makePlaneMesh(10, 10, 4, 4));
         SurfaceMapping mapping;
         std::vector<MosaiqPrimitive> pieces;
-        ASSERT_TRUE(
-            mapping.buildFromMesh(mesh, *tile, settings(100, 0, 2, 4, c.realWorld), pieces));
-        EXPECT_EQ(mapping.tilingU, c.expectU);
-        EXPECT_EQ(mapping.tilingV, c.expectV);
-        // Stretch: world 10 over a tile period of 2 x size x tiling.
-        const float w = std::sqrt(10.0f / (2 * 5 * c.expectU) * (10.0f / (2 * 8 * c.expectV)));
-        EXPECT_NEAR(mapping.stats.stretchMax, w, w * 1e-5f);
+        ASSERT_TRUE(mapping.buildFromMesh(
+            mesh, *tile, settings(c.height, c.shift, c.tilingU, c.tilingV, c.realWorld), pieces));
+        EXPECT_EQ(mapping.tilingU, c.tu);
+        EXPECT_EQ(mapping.tilingV, c.tv);
+        EXPECT_NEAR(mapping.stats.stretchMin, c.w, c.w * 1e-5f);
+        EXPECT_NEAR(mapping.stats.stretchMax, c.w, c.w * 1e-5f);
         ASSERT_EQ(mapping.primitiveCount, 32 * 3);
         for (int i = 0; i < mapping.primitiveCount; ++i) {
             for (const Point3& corner : pieces[i].corners) {
-                if (corner.z != 0.0f) continue;  // bottom corners lie on the surface
-                const float u = corner.x / 10 + 0.5f, v = corner.y / 10 + 0.5f;
                 const Point3 t = corner * pieces[i].worldToTile;
-                EXPECT_NEAR(t.x, u * c.expectU * 5, 1e-4f);
-                EXPECT_NEAR(t.y, v * c.expectV * 8, 1e-4f);
+                if (std::fabs(corner.z - c.bottom) < 1e-5f) {
+                    // Bottom corners sit at tile z 0 where the surface's UV puts them.
+                    const float u = corner.x / 10 + 0.5f, v = corner.y / 10 + 0.5f;
+                    EXPECT_NEAR(t.x, u * c.tu * c.crop.x, 1e-4f);
+                    EXPECT_NEAR(t.y, v * c.tv * c.crop.y, 1e-4f);
+                    EXPECT_NEAR(t.z, 0.0f, 1e-4f);
+                } else {
+                    EXPECT_NEAR(corner.z, c.top, std::max(1e-5f, 4e-6f * c.top));
+                    EXPECT_NEAR(t.z, c.crop.z, 1e-4f);
+                }
             }
         }
     }

@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,5 +64,31 @@ inline CliResult runMosaiq(const std::vector<std::string>& args, const fs::path&
                            const std::string& workDir = {}) {
     return finishMosaiq(startMosaiq(args, scratch, workDir), scratch);
 }
+
+// A fresh folder per test; mosaiq runs in workDir_, the repository root
+// unless a test changes it, as example scenes name their files from there.
+class CliFixture : public ::testing::Test {
+protected:
+    fs::path path(const std::string& name) const { return dir_ / name; }
+    pid_t start(const std::vector<std::string>& args) {
+        return startMosaiq(args, dir_.path(), workDir_);
+    }
+    CliResult finish(pid_t pid) { return finishMosaiq(pid, dir_.path()); }
+    CliResult mosaiq(const std::vector<std::string>& args) { return finish(start(args)); }
+
+    // The folder's entries, sorted, but for the captured output and `except`.
+    std::vector<std::string> files(const std::set<std::string>& except = {}) const {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(dir_.path())) {
+            const std::string n = e.path().filename().string();
+            if (n != ".stdout" && n != ".stderr" && !except.contains(n)) names.push_back(n);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    TempDir dir_;
+    std::string workDir_ = MOSAIQ_SOURCE_DIR;
+};
 
 }  // namespace mq::test

@@ -1,14 +1,16 @@
-// Helpers the test binaries share: point comparison, text files and
-// temporary folders.
+// Helpers the test binaries share: point comparison, nodes, thrown
+// messages, text files and temporary folders.
 #pragma once
 
 #include "host/math.h"
+#include "host/node.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -20,6 +22,26 @@ namespace fs = std::filesystem;
 inline void expectNear(const Point3& a, const Point3& b, float eps = 1e-5f) {
     EXPECT_LE(Length(a - b), eps) << "(" << a.x << ", " << a.y << ", " << a.z << ") vs (" << b.x
                                   << ", " << b.y << ", " << b.z << ")";
+}
+
+// A new child of parent holding obj (when given) at tm.
+inline Node* addNode(Node* parent, const std::string& name, Object* obj = nullptr,
+                     const Matrix3& tm = Matrix3()) {
+    Node* n = parent->attachChild(std::make_unique<Node>(name));
+    if (obj) n->SetObjectRef(obj);
+    n->setLocalTM(tm);
+    return n;
+}
+
+// The message of the E that f throws; "nothing thrown" when f returns.
+template <class E, class F>
+std::string messageOf(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "nothing thrown";
 }
 
 inline void writeText(const fs::path& file, const std::string& text) {

@@ -13,21 +13,25 @@ namespace mq::test {
 
 using Triangle = std::array<Point3, 3>;
 
-// Normals per face corner, or none for the mesh's own. The build centres the
-// crop box on crop / 2; the crop matrix undoes that so mesh coordinates are
-// tile coordinates.
+// Normals per face corner, or none for the mesh's own; UVs on channel 1 are
+// tile positions over the crop size. The build centres the crop box on
+// crop / 2; the crop matrix undoes that so mesh coordinates are tile
+// coordinates.
 inline std::unique_ptr<PatternTile> makeTile(const std::vector<Triangle>& tris, const Point3& crop,
                                              int segU, int segV,
                                              const std::vector<Triangle>& normals = {}) {
     Mesh mesh;
     mesh.setNumVerts(int(tris.size()) * 3);
     mesh.setNumFaces(int(tris.size()));
+    mesh.setMapSupport(1);
     std::vector<Point3> normalPool;
     std::vector<std::array<int, 3>> normalFaces;
     for (size_t f = 0; f < tris.size(); ++f) {
         for (int c = 0; c < 3; ++c) {
             mesh.setVert(int(f * 3 + c), tris[f][c]);
-            mesh.faces[f].v[c] = uint32_t(f * 3 + c);
+            mesh.faces[f].v[c] = mesh.Map(1).faces[f].t[c] = uint32_t(f * 3 + c);
+            const Point3& p = tris[f][c];
+            mesh.Map(1).verts.push_back({p.x / crop.x, p.y / crop.y, p.z / crop.z});
             if (!normals.empty()) normalPool.push_back(normals[f][c]);
         }
         normalFaces.push_back({int(f * 3), int(f * 3 + 1), int(f * 3 + 2)});
@@ -46,6 +50,13 @@ inline std::unique_ptr<PatternTile> makeTile(const std::vector<Triangle>& tris, 
 inline void addFloor(std::vector<Triangle>& tris, float x0, float y0, float x1, float y1, float z) {
     tris.push_back({Point3(x0, y0, z), Point3(x1, y0, z), Point3(x1, y1, z)});
     tris.push_back({Point3(x0, y0, z), Point3(x1, y1, z), Point3(x0, y1, z)});
+}
+
+// One floor at z = 1 over the whole crop box, in one segment.
+inline std::unique_ptr<PatternTile> floorTile(const Point3& crop) {
+    std::vector<Triangle> tris;
+    addFloor(tris, 0, 0, crop.x, crop.y, 1);
+    return makeTile(tris, crop, 1, 1);
 }
 
 // `count` random triangles in (0..10)^3 whose second and third corners lie

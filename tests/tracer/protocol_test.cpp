@@ -8,21 +8,12 @@
 namespace mq::test {
 namespace {
 
-RenderSettings settings(int size, int spp, int threads, int maxDepth) {
-    RenderSettings s;
-    s.width = s.height = size;
-    s.samplesPerPixel = spp;
-    s.threads = threads;
-    s.maxDepth = maxDepth;
-    return s;
-}
-
 TEST(TracerProtocol, CallsComeInTheDocumentedOrder) {
     RayLog log;
     Scene scene;
-    addNode(scene, "Analytic", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
+    addNode(scene.root(), "Analytic", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
     {
-        Renderer r(scene, settings(8, 1, 2, 1));
+        Renderer r(scene, small(8, 1, 2, 1));
         r.renderFrame(0);
         r.renderFrame(1);
     }  // the destructor ends the render
@@ -40,11 +31,12 @@ TEST(TracerProtocol, CallsComeInTheDocumentedOrder) {
 TEST(TracerProtocol, RayContextReachesTheCallbacks) {
     RayLog log;
     Scene scene;
-    addNode(scene, "Analytic", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
-    addNode(scene, "Floor", new TriObject(makePlaneMesh(12, 12, 1, 1)), TransMatrix({0, 0, -1}));
+    addNode(scene.root(), "Analytic", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
+    addNode(scene.root(), "Floor", new TriObject(makePlaneMesh(12, 12, 1, 1)),
+            TransMatrix({0, 0, -1}));
     frontCamera(scene, 6.0f, 50.0f);
     scene.lights = nlohmann::json::array({{{"type", "dome"}, {"color", {1, 1, 1}}}});
-    const Image img = renderImage(scene, settings(24, 2, 2, 3));
+    const Image img = renderImage(scene, small(24, 2, 2, 3));
 
     EXPECT_GT(log.calls.load(), 500);
     EXPECT_EQ(log.badThread.load(), 0);
@@ -64,9 +56,9 @@ TEST(TracerProtocol, UserPrimitiveRendersLikeItsMesh) {
         RayLog log;
         Scene scene;
         if (analytic) {
-            addNode(scene, "Ball", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
+            addNode(scene.root(), "Ball", new AnalyticSphereObject({0, 0, 0}, 1.0f, log));
         } else {
-            addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 128)));
+            addNode(scene.root(), "Ball", new TriObject(makeSphereMesh(1.0f, 128)));
         }
         frontCamera(scene, 4.0f, 45.0f);
         // Direct light only from a sun without a size: no noise from lighting.
@@ -74,7 +66,7 @@ TEST(TracerProtocol, UserPrimitiveRendersLikeItsMesh) {
                                                {"direction", {0.4, -1.0, 0.6}},
                                                {"angle", 0.0},
                                                {"intensity", 2.0}}});
-        return renderImage(scene, settings(32, 4, 2, 1));
+        return renderImage(scene, small(32, 4, 2, 1));
     };
     const Image mesh = render(false), user = render(true);
     int differing = 0;

@@ -13,19 +13,17 @@ namespace {
 constexpr float kPiF = 3.14159265f;
 
 RenderSettings tiny(int size, int spp, int threads = 1) {
-    RenderSettings s;
-    s.width = s.height = size;
-    s.samplesPerPixel = spp;
-    s.threads = threads;
+    RenderSettings s = small(size, spp, threads);
     s.seed = 7;
     return s;
 }
 
 // A sphere over a floor with the default lights, plus the analytic sphere.
 void busyScene(Scene& scene, RayLog& log) {
-    addNode(scene, "Sphere", new TriObject(makeSphereMesh(1.0f, 24)));
-    addNode(scene, "Floor", new TriObject(makePlaneMesh(10, 10, 1, 1)), TransMatrix({0, 0, -1}));
-    addNode(scene, "Analytic", new AnalyticSphereObject({1.6f, 0.5f, -0.5f}, 0.5f, log));
+    addNode(scene.root(), "Sphere", new TriObject(makeSphereMesh(1.0f, 24)));
+    addNode(scene.root(), "Floor", new TriObject(makePlaneMesh(10, 10, 1, 1)),
+            TransMatrix({0, 0, -1}));
+    addNode(scene.root(), "Analytic", new AnalyticSphereObject({1.6f, 0.5f, -0.5f}, 0.5f, log));
 }
 
 bool samePixels(const Image& a, const Image& b) {
@@ -35,11 +33,11 @@ bool samePixels(const Image& a, const Image& b) {
 
 TEST(TracerRender, SphereCoversTheAnalyticDisc) {
     Scene scene;
-    addNode(scene, "Sphere", new TriObject(makeSphereMesh(1.0f, 96)));
+    addNode(scene.root(), "Sphere", new TriObject(makeSphereMesh(1.0f, 96)));
     const float distance = 5.0f, fov = 40.0f;
     frontCamera(scene, distance, fov);
     const int size = 32;
-    const Image img = renderImage(scene, tiny(size, 8));
+    const Image img = renderImage(scene, tiny(size, 8, 1));
 
     // Radius of the silhouette on the image plane, in pixels.
     const float tanAlpha = std::tan(std::asin(1.0f / distance));
@@ -68,7 +66,7 @@ TEST(TracerRender, SphereCoversTheAnalyticDisc) {
 
 TEST(TracerRender, WhiteDiffuseSphereInWhiteDomeIsWhite) {
     Scene scene;
-    addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 32)))->setMaterial("white");
+    addNode(scene.root(), "Ball", new TriObject(makeSphereMesh(1.0f, 32)))->setMaterial("white");
     scene.materials = {{"white", {{"baseColor", {1, 1, 1}}, {"specular", 0.0}, {"metallic", 0.0}}}};
     scene.lights = nlohmann::json::array({{{"type", "dome"}, {"color", {1, 1, 1}}}});
     const Image img = renderImage(scene, tiny(16, 32, 2));
@@ -118,24 +116,14 @@ TEST(TracerRender, ImagesDoNotDependOnThreadsOrCrop) {
 
 TEST(TracerRender, SettingsAndSceneErrorsNameThePlaceAndTheValue) {
     EXPECT_THROW(RenderSettings::fromJson({{"width", 0}}), RenderError);
-    try {
+    const std::string spp = messageOf<RenderError>([] {
         RenderSettings::fromJson({{"spp", "many"}});
-        FAIL();
-    } catch (const RenderError& e) {
-        EXPECT_NE(std::string(e.what()).find("/render/spp"), std::string::npos);
-    }
+    });
+    EXPECT_NE(spp.find("/render/spp"), std::string::npos) << spp;
 
     // Each fault is refused by checkRenderData, and by the render itself with
     // the same message.
     using json = nlohmann::json;
-    const auto failure = [](const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const InputError& e) {
-            return std::string(e.what());
-        }
-        return std::string("no InputError");
-    };
     const struct {
         const char* section;
         json value;
@@ -169,16 +157,16 @@ TEST(TracerRender, SettingsAndSceneErrorsNameThePlaceAndTheValue) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         Scene scene;
-        addNode(scene, "Ball", new TriObject(makeSphereMesh(1.0f, 8)));
+        addNode(scene.root(), "Ball", new TriObject(makeSphereMesh(1.0f, 8)));
         json* section = c.section == std::string("lights")      ? &scene.lights
                         : c.section == std::string("materials") ? &scene.materials
                         : c.section == std::string("camera")    ? &scene.camera
                                                                 : &scene.render;
         *section = c.value;
-        EXPECT_EQ(failure([&] { checkRenderData(scene); }), c.message);
+        EXPECT_EQ(messageOf<InputError>([&] { checkRenderData(scene); }), c.message);
         // The render takes its settings apart from the scene's section.
         if (section != &scene.render) {
-            EXPECT_EQ(failure([&] { renderImage(scene, tiny(4, 1)); }), c.message);
+            EXPECT_EQ(messageOf<InputError>([&] { renderImage(scene, tiny(4, 1, 1)); }), c.message);
         }
     }
 }

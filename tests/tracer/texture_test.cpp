@@ -18,10 +18,7 @@ namespace {
 constexpr float kPiF = 3.14159265f;
 
 RenderSettings tiny(int size, int spp, const fs::path& folder) {
-    RenderSettings s;
-    s.width = s.height = size;
-    s.samplesPerPixel = spp;
-    s.threads = 2;
+    RenderSettings s = small(size, spp, 2);
     s.seed = 11;
     s.assetFolder = folder;
     return s;
@@ -79,7 +76,7 @@ TEST(TracerTexture, QuadShowsItsImageUprightOnItsChannelAndTheUvPass) {
     // v or the wrong channel shows another quarter's colour.
     const Point3 a(0, 0, 0.25f), b(0, 1, 0.25f), c(1, 1, 0.25f), d(1, 0, 0.25f);
     Scene scene;
-    addNode(scene, "Quad",
+    addNode(scene.root(), "Quad",
             new TriObject(
                 quadMesh({Point3(-1, 0, -1), Point3(1, 0, -1), Point3(1, 0, 1), Point3(-1, 0, 1)},
                          {{1, {a, b, c, d}}, {2, {Point3(0, 0, 0), d - a, c - a, b - a}}})))
@@ -126,14 +123,10 @@ TEST(TracerTexture, UnreadableImagesFailBeforeRenderingNamingMaterialAndFile) {
     dir.write("garbage.png", "not a picture");
     RayLog log;
     Scene scene;
-    addNode(scene, "Ball", new AnalyticSphereObject({0, 0, 0}, 1.0f, log))->setMaterial("Brick");
+    addNode(scene.root(), "Ball", new AnalyticSphereObject({0, 0, 0}, 1.0f, log))
+        ->setMaterial("Brick");
     const auto failure = [&] {
-        try {
-            renderImage(scene, tiny(4, 1, dir.path()));
-        } catch (const InputError& e) {
-            return std::string(e.what());
-        }
-        return std::string("no InputError");
+        return messageOf<InputError>([&] { renderImage(scene, tiny(4, 1, dir.path())); });
     };
     const auto mentions = [](const std::string& what, const std::vector<std::string>& parts) {
         for (const auto& p : parts)
@@ -212,7 +205,7 @@ TEST(TracerDome, ImportanceSamplingLightsFromTheImageAndMatchesUniformSampling) 
     writeTexture(dir / "sky.exr", 64, 32, skyBlock(24, 32, 6, 12, 20.0f));
     // A white diffuse 4 x 4 wall facing +x, filling the view.
     Scene scene;
-    addNode(scene, "Wall",
+    addNode(scene.root(), "Wall",
             new TriObject(quadMesh(
                 {Point3(0, -2, -2), Point3(0, 2, -2), Point3(0, 2, 2), Point3(0, -2, 2)}, {})))
         ->setMaterial("white");

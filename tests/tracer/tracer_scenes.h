@@ -4,6 +4,7 @@
 #include "host/mesh.h"
 #include "host/node.h"
 #include "host/object.h"
+#include "support/test_util.h"
 #include "tracer/protocol.h"
 #include "tracer/renderer.h"
 
@@ -18,12 +19,14 @@ namespace mq::test {
 
 using namespace mq::tracer;
 
-inline Node* addNode(Scene& scene, const std::string& name, Object* obj,
-                     const Matrix3& tm = Matrix3()) {
-    auto node = std::make_unique<Node>(name);
-    node->SetObjectRef(obj);
-    node->setLocalTM(tm);
-    return scene.root()->attachChild(std::move(node));
+// A square image `size` pixels a side, quick to render.
+inline RenderSettings small(int size, int spp, int threads, int maxDepth = 8) {
+    RenderSettings s;
+    s.width = s.height = size;
+    s.samplesPerPixel = spp;
+    s.threads = threads;
+    s.maxDepth = maxDepth;
+    return s;
 }
 
 // A camera on -Y looking at the origin; fov is horizontal, in degrees.
