@@ -103,16 +103,10 @@ public:
     mq::Point3 uvw(const mq::tracer::RayContext& rc, int channel) const override;
     mq::Point3 objectAxis(const mq::tracer::RayContext& rc) const override;
 
-    // State, for inspection.
+    // The render's tile and the frame's state.
     const mq::PatternTile& tile() const { return tile_; }
     bool frameValid() const { return frameValid_; }
     int32_t primitiveCount() const { return primitiveCount_; }
-    const std::vector<mq::MosaiqPrimitive>& primitives() const { return primitives_; }
-    int32_t mapChannel() const { return mapChannel_; }
-    int32_t useSurfaceMapping() const { return useSurfaceMapping_; }
-    float tilingU() const { return tilingU_; }
-    float tilingV() const { return tilingV_; }
-    const HitRecordStore& hitStore(int i) const { return hitStores_[i]; }
 
 private:
     // What a piece's entry points see: the piece and the store its hits go to.
