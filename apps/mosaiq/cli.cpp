@@ -64,6 +64,19 @@ void checkWritable(const std::filesystem::path& out, const std::string& what) {
     ::unlink(probe.c_str());
 }
 
+std::string pathForScene(const std::filesystem::path& sceneFile, const std::string& given) {
+    namespace fs = std::filesystem;
+    if (given.empty()) return given;
+    std::error_code ec;
+    const fs::path absolute = fs::weakly_canonical(fs::absolute(given, ec), ec);
+    const fs::path folder = fs::weakly_canonical(fs::absolute(sceneFile, ec).parent_path(), ec);
+    if (ec) return given;
+    const fs::path relative = absolute.lexically_relative(folder);
+    // Beside or below the scene: stored relative, so the two move together.
+    if (!relative.empty() && *relative.begin() != "..") return relative.generic_string();
+    return absolute.generic_string();
+}
+
 void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
     try {
         mq::loadScene(ip, file);

@@ -52,6 +52,12 @@ void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file);
 // is not a folder; what names the kind of file ("an image", "a mesh").
 void checkWritable(const std::filesystem::path& out, const std::string& what);
 
+// A path the user gave on the command line as the scene file stores it:
+// relative to the scene file's folder when it lies below or beside it
+// (given relative to the working folder, it is rebased), absolute when it
+// does not, so the scene renders the same from any folder. Empty stays empty.
+std::string pathForScene(const std::filesystem::path& sceneFile, const std::string& given);
+
 // The one node named name; CliError(kExitUsage) naming it, prefixed with
 // what, when there is none or more than one.
 mq::Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what);
