@@ -15,7 +15,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const std::filesystem::path file = writeInput("mesh." + formatFor(data[0]), data + 1, size - 1);
     mq::HostInterface ip;
-    ip.SetRunningWithoutUI(true);
     const int merged =
         ip.MergeFromFile(file.string(), true, false, false, mq::MERGE_DUPS_RENAME, nullptr,
                          mq::MERGE_DUP_MTL_RENAME, mq::MERGE_REPARENT_ALWAYS);

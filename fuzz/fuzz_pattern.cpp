@@ -73,7 +73,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     writeInput("pattern." + ext, data + 1, size - 1);
 
     mq::HostInterface ip;
-    ip.SetRunningWithoutUI(true);
     try {
         mq::loadScene(ip, sceneFor(ext));
     } catch (const mq::SceneError& e) {

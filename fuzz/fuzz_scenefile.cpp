@@ -15,7 +15,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace mosaiq::fuzz;
     const std::filesystem::path file = writeInput("scene.mosaiq", data, size);
     mq::HostInterface ip;
-    ip.SetRunningWithoutUI(true);
     try {
         mq::loadScene(ip, file);
     } catch (const mq::SceneError&) {
