@@ -1,4 +1,5 @@
 #include "host/math.h"
+#include "host/suggest.h"
 
 #include "support/test_util.h"
 
@@ -55,6 +56,23 @@ TEST(RandGenerator, FixedSequenceAndRanges) {
         const int k = t.Rand0X(6);
         ASSERT_TRUE(k >= 0 && k <= 6) << k;
     }
+}
+
+}  // namespace
+}  // namespace mq
+
+namespace mq {
+namespace {
+
+TEST(Suggest, NearestNameIgnoresCaseCountsSwapsAndRefusesFarGuesses) {
+    EXPECT_EQ(editDistance("Heigth", "Height"), 1u);
+    EXPECT_EQ(editDistance("HEIGHT", "height"), 0u);
+    EXPECT_EQ(editDistance("", "abc"), 3u);
+    const std::vector<std::string> keys = {"Height", "Pattern_File", "Random_Segment_Count"};
+    EXPECT_EQ(closestName("pattern_fiel", keys), "Pattern_File");
+    EXPECT_EQ(closestName("Width", keys), "");
+    EXPECT_EQ(didYouMean("Hieght", keys), " (did you mean \"Height\"?)");
+    EXPECT_EQ(didYouMean("x", {}), "");
 }
 
 }  // namespace
