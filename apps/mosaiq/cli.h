@@ -90,6 +90,7 @@ struct CropOptions {
     std::string operation;  // "reset" or "fit"
     std::filesystem::path scene;
     std::string node;
+    double margin = 0;             // percent the box grows by; see runCrop
     std::filesystem::path output;  // empty: write back to scene
 };
 

@@ -28,6 +28,22 @@ std::string paramText(mq::Object& obj, const std::string& name) {
     return "?";
 }
 
+// Grow the crop box's height by pct percent about its centre, which moves
+// its top and bottom off pattern faces lying exactly in them (the cause of
+// holes on curved surfaces). Width and depth set the tiles' spacing and stay.
+void growCropHeight(mq::Object& obj, double pct) {
+    for (int b = 0; b < obj.NumParamBlocks(); ++b) {
+        mq::ParamBlock* pb = obj.GetParamBlock(b);
+        const mq::ParamDef* def = pb ? pb->GetDesc()->findByName("Crop_Size") : nullptr;
+        if (!def) continue;
+        float height = 0.0f;
+        mq::Interval valid;
+        pb->GetValue(def->id, 0, height, valid, 2);
+        pb->SetValue(def->id, 0, static_cast<float>(height * (1.0 + pct / 100.0)), 2);
+        return;
+    }
+}
+
 }  // namespace
 
 mq::IPatternTools& patternToolsOrFail(mq::Node& node, const std::string& what) {
@@ -53,6 +69,7 @@ void runCrop(mq::HostInterface& ip, const CropOptions& opt) {
         throw CliError(kExitInput, opt.scene.string() + ": " + node->GetName() + ": cannot " +
                                        (fit ? "fit" : "reset") + " the crop box: " + error);
     }
+    if (opt.margin > 0) growCropHeight(*node->GetObjectRef(), opt.margin);
     for (const char* name : {"Crop_Size", "Crop_Transfrom"}) {
         std::cout << node->GetName() << "." << name << " = "
                   << paramText(*node->GetObjectRef(), name) << "\n";

@@ -219,6 +219,7 @@ ojson tileJson(const std::filesystem::path& scene, const Node& node, const mq::T
                    {"depth", s.octreeDepth},        {"nodes", s.octreeNodes},
                    {"leaves", s.octreeLeaves},      {"largestLeaf", s.largestLeaf},
                    {"bytes", s.octreeBytes},        {"budgetBytes", s.octreeBudget}};
+    j["facesOnCropFaces"] = s.facesOnCropFaces;
     ojson cloud = ojson::object();
     cloud["valid"] = s.pointCloudValid;
     cloud["min"] = s.pointCloudValid ? pointJson(s.pointCloudBox.pmin) : ojson();
@@ -255,6 +256,34 @@ std::string tileText(const std::filesystem::path& scene, const Node& node, const
     return out.str();
 }
 
+// The warning about pattern faces in a face of node's crop box, with the
+// command that cures it.
+void warnOfCropFaces(const InspectOptions& opt, const Node& node, const mq::TileStats& stats) {
+    if (stats.cropFaceWarning.empty()) return;
+    printWarning(opt.scene.string() + ": " + node.GetName() + ": " + stats.cropFaceWarning +
+                 ". Make its crop box a little taller: mosaiq crop fit " + opt.scene.string() +
+                 " " + node.GetName() + " --margin 1");
+}
+
+// Every Mosaiq node's tile captured as a render captures it, so the
+// problems a render would meet are told here too.
+void checkTiles(mq::HostInterface& ip, const InspectOptions& opt) {
+    for (Node* node : ip.scene().allNodes()) {
+        mq::Object* obj = node->GetObjectRef();
+        auto* tools =
+            obj ? static_cast<mq::IPatternTools*>(obj->GetInterface(mq::kPatternToolsInterfaceId))
+                : nullptr;
+        if (!tools) continue;
+        mq::TileStats stats;
+        std::string error;
+        if (tools->tileStats(0, stats, error))
+            warnOfCropFaces(opt, *node, stats);
+        else
+            printWarning(opt.scene.string() + ": " + node->GetName() +
+                         ": renders nothing: " + error);
+    }
+}
+
 // The captured tile of one Mosaiq node instead of the whole scene.
 void inspectTile(mq::HostInterface& ip, const InspectOptions& opt) {
     Node* node = findUniqueNode(ip.scene(), opt.tileNode, opt.scene.string());
@@ -265,6 +294,7 @@ void inspectTile(mq::HostInterface& ip, const InspectOptions& opt) {
         throw CliError(kExitInput, opt.scene.string() + ": " + node->GetName() +
                                        ": cannot capture the tile: " + error);
     }
+    warnOfCropFaces(opt, *node, stats);
     if (opt.json) {
         std::cout << mq::formatSceneJson(tileJson(opt.scene, *node, stats));
     } else {
@@ -318,6 +348,7 @@ void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     if (!opt.mappingNode.empty()) return inspectMapping(ip, opt);
     mq::Scene& scene = ip.scene();
     Node* root = scene.root();
+    checkTiles(ip, opt);
 
     if (opt.json) {
         ojson doc = ojson::object();

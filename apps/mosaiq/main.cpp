@@ -62,6 +62,10 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"reset", "fit"}));
     crop->add_option("SCENE", cropOpt.scene, "Scene file")->required();
     crop->add_option("NODE", cropOpt.node, "Name of the Mosaiq node")->required();
+    crop->add_option("--margin", cropOpt.margin,
+                     "Then make the box this percent taller, keeping its centre: cures holes "
+                     "from pattern faces lying exactly in its top or bottom")
+        ->check(CLI::Range(0.0, 100.0));
     crop->add_option("-o,--output", cropOpt.output, "Write here instead of SCENE");
 
     RenderOptions renderOpt;

@@ -212,4 +212,41 @@ void PatternTile::build(Mesh& mesh, const Matrix3& toTileIn, const Point3& cropS
         cropSize * Point3(1.0f / static_cast<float>(segU), 1.0f / static_cast<float>(segV), 1.0f);
 }
 
+std::array<int32_t, 6> facesOnCropFaces(const PatternTile& tile) {
+    std::array<int32_t, 6> counts{};
+    for (const PatternFace& face : tile.faces) {
+        for (int axis = 0; axis < 3; ++axis) {
+            const float size = tile.cropSize[axis];
+            const float tolerance = 1e-6f * std::fabs(size);
+            for (int high = 0; high < 2; ++high) {
+                const float plane = high ? size : 0.0f;
+                bool on = true;
+                for (int c = 0; c < 3 && on; ++c)
+                    on = std::fabs((*face.vertex[c])[axis] - plane) <= tolerance;
+                if (on) ++counts[size_t(2 * axis + high)];
+            }
+        }
+    }
+    return counts;
+}
+
+const char* cropFaceName(int side) {
+    static const char* const kNames[6] = {"left", "right", "front", "back", "bottom", "top"};
+    return side >= 0 && side < 6 ? kNames[side] : "?";
+}
+
+std::string cropFaceWarning(const std::array<int32_t, 6>& counts) {
+    // Only the bottom and top: faces in the sides are walls seen edge-on
+    // where tiles meet, and rounding there shows nothing.
+    const int32_t bottom = counts[4], top = counts[5];
+    if (bottom + top == 0) return {};
+    std::string where;
+    if (top) where = std::to_string(top) + " in its top";
+    if (bottom) where += (where.empty() ? "" : ", ") + std::to_string(bottom) + " in its bottom";
+    const int32_t total = bottom + top;
+    return std::to_string(total) + (total == 1 ? " pattern face lies" : " pattern faces lie") +
+           " exactly in a face of the crop box (" + where +
+           "): on curved surfaces they show holes along the surface's triangles";
+}
+
 }  // namespace mq

@@ -88,6 +88,21 @@ public:
     std::unique_ptr<PatternOctreeNode> tree;
 };
 
+// Faces of the tile that lie in one face of the crop box (their three
+// corners within a millionth of the box's size of it), per face of the box
+// in the order -X, +X, -Y, +Y, -Z, +Z. A ray meets such a face exactly where
+// two pieces of the surface meet, and rounding decides which piece, if any,
+// sees the hit: on curved surfaces they show holes along the surface's
+// triangles. A slightly larger crop box moves them off the boundary.
+std::array<int32_t, 6> facesOnCropFaces(const PatternTile& tile);
+
+// Words for the box's faces in that order ("left", "right", "front",
+// "back", "bottom", "top"), and a sentence for the user about the faces in
+// the box's bottom and top and what they cause; empty when there are none.
+// Callers add the cure in their own terms (a taller crop box).
+const char* cropFaceName(int side);
+std::string cropFaceWarning(const std::array<int32_t, 6>& counts);
+
 // Take the mesh of source at t and capture it into tile; true at once when
 // tile is built. False, with why naming the node or file, when there is no
 // pattern to take or it cannot be captured. A file pattern merges into the

@@ -6,6 +6,7 @@
 
 #include "host/math.h"
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,6 +32,11 @@ struct TileStats {
     int octreeNodes = 0;
     int octreeLeaves = 0;
     int largestLeaf = 0;  // faces in the fullest leaf
+    // Pattern faces lying in a face of the crop box (-X, +X, -Y, +Y, -Z,
+    // +Z), which show holes on curved surfaces, and the user's warning about
+    // them (empty when there are none).
+    std::array<int32_t, 6> facesOnCropFaces{};
+    std::string cropFaceWarning;
     // What the octree takes, and the most it may take (raised by the
     // environment variable named in octreeBudgetVariable).
     int64_t octreeBytes = 0;

@@ -145,6 +145,8 @@ bool MosaiqPatternTools::tileStats(TimeValue t, TileStats& out, std::string& err
     stats.octreeBytes = tree.bytes;
     stats.octreeBudget = octreeMemoryBudget();
     stats.octreeBudgetVariable = kOctreeMemoryVariable;
+    stats.facesOnCropFaces = facesOnCropFaces(tile);
+    stats.cropFaceWarning = cropFaceWarning(stats.facesOnCropFaces);
     const PatternPointCloud& store = obj_.patternStore();
     stats.pointCloudValid = store.valid;
     if (store.valid) stats.pointCloudBox = store.box;

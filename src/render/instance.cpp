@@ -111,9 +111,18 @@ void MosaiqInstance::renderBegin(TimeValue t, RenderCore& core) {
     // Settings are read at time 0: none animates. A failed capture leaves
     // the tile empty, which keeps the instance out of the render.
     if (!capturePattern(tile_, settings_.pattern, settings_.crop, 0, captureProblem_)) return;
-    if (tile_.faceCount == 0)
+    if (tile_.faceCount == 0) {
         captureProblem_ =
             "Pattern file \"" + settings_.pattern.file + "\" holds a mesh without faces";
+        return;
+    }
+    const std::string onCropFaces = cropFaceWarning(facesOnCropFaces(tile_));
+    if (!onCropFaces.empty()) {
+        const std::string name = node() ? "\"" + node()->GetName() + "\"" : "a Mosaiq node";
+        core.warning(name + ": " + onCropFaces +
+                     ". Make its crop box a little taller: mosaiq crop fit SCENE " +
+                     (node() ? node()->GetName() : std::string("NODE")) + " --margin 1");
+    }
     MQ_BOUNDARY_END([this](const std::string& what) {
         captureProblem_ = "the pattern could not be captured: " + what;
     })

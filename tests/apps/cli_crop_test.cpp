@@ -88,6 +88,31 @@ TEST_F(CropCli, InspectTilePrintsTheCapturedPatternAsJsonAndText) {
         EXPECT_NE(text.out.find(s), std::string::npos) << s << " in " << text.out;
 }
 
+// The pyramid's base lies exactly in the reset box's bottom, where rounding
+// decides hits on curved surfaces: every command that captures says so and
+// names the cure, and the cure silences it.
+TEST_F(CropCli, FacesInTheCropBoxWarnUntilAMarginMakesTheBoxTaller) {
+    const std::string warning = "2 pattern faces lie exactly in a face of the crop box (2 in its "
+                                "bottom)";
+    const Result tile = mosaiq({"inspect", scene_, "--tile", "Mosaiq001", "--json"});
+    EXPECT_EQ(json::parse(tile.out)["facesOnCropFaces"], json({0, 0, 0, 0, 2, 0}));
+    EXPECT_NE(tile.err.find(warning), std::string::npos) << tile.err;
+    const Result inspect = mosaiq({"inspect", scene_});
+    EXPECT_NE(inspect.err.find("mosaiq crop fit " + scene_ + " Mosaiq001 --margin 1"),
+              std::string::npos)
+        << inspect.err;
+    const std::vector<std::string> render = {"render", scene_, "-o", (dir_ / "r.png").string(),
+                                             "--resolution", "16x12", "--spp", "1", "--quiet"};
+    EXPECT_NE(mosaiq(render).err.find(warning), std::string::npos);
+
+    const Result crop = mosaiq({"crop", "reset", scene_, "Mosaiq001", "--margin", "1"});
+    ASSERT_EQ(crop.code, 0) << crop.err;
+    EXPECT_NE(crop.out.find("Mosaiq001.Crop_Size = 10, 10, 4.04"), std::string::npos) << crop.out;
+    expectNear(param(scene_, "Crop_Transfrom"), {1, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 2});
+    for (const Result& r : {mosaiq({"inspect", scene_}), mosaiq(render)})
+        EXPECT_EQ(r.err.find("crop box"), std::string::npos) << r.err;
+}
+
 TEST_F(CropCli, APatternFileWithoutFacesIsAnEmptyTileThatRendersNothingWithAWarning) {
     const fs::path points =
         dir_.write("points.mosaiq",
