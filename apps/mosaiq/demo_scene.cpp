@@ -48,8 +48,8 @@ void buildDemoScene(mq::HostInterface& ip) {
     mq::Scene& scene = ip.scene();
 
     // Surface: a bolster lying along X, sides and two caps, three UV islands
-    // (material ids 1 to 3). Its length is its circumference, so equal
-    // tiling in U and V gives square tiles on the sides and on the caps.
+    // (material ids 1 and 2 the caps, 3 the sides). Its length is its circumference, so equal
+    // tiling in U and V gives square tiles on the sides.
     const float radius = 14.0f, length = 2.0f * 3.14159265f * radius;
     mq::Node* surface =
         addNode(scene, "Surface", new mq::TriObject(mq::makeCylinderMesh(radius, length, 12, 72)),
@@ -65,21 +65,33 @@ void buildDemoScene(mq::HostInterface& ip) {
     const mq::Point3 centre = mail.tile.Center(), size = mail.tile.Width();
     addNode(scene, "Pattern", new mq::TriObject(std::move(mail.mesh)))->SetRenderable(false);
 
-    mq::Node* node = addNode(scene, "ChainMail", mosaiq, "mail");
-    // 10 x 10 tiles: about 8.8 world units a tile on the sides.
-    const std::vector<std::string> settings = {
-        "Pattern_Source=0",
-        "Pattern=Pattern",
-        "Surface=Surface",
-        "Use_Surface_Mapping=1",
-        "Map_Channel=1",
-        "Tiling=10,10",
-        "Poli_ID=1,3",
-        "Height=4",
-        "Crop_Size=" + list({size.x, size.y, size.z}),
-        "Crop_Transfrom=" + list({1, 0, 0, 0, 1, 0, 0, 0, 1, centre.x, centre.y, centre.z}),
+    // The sides' UVs span the circumference, the caps' the diameter, so the
+    // caps take their own object with pi times less tiling: about 8.8 world
+    // units a tile on both.
+    struct Cover {
+        const char* name;
+        mq::Object* object;
+        const char* tiling;
+        const char* faces;
     };
-    for (const std::string& s : settings) applyAssignment(scene, *node, s, false);
+    mq::Object* caps = mq::createObject(cd->SuperClassID(), cd->ClassID());
+    for (const Cover& cover : {Cover{"ChainMail", mosaiq, "Tiling=10,10", "Poli_ID=3,3"},
+                               Cover{"ChainMailCaps", caps, "Tiling=3.2,3.2", "Poli_ID=1,2"}}) {
+        mq::Node* node = addNode(scene, cover.name, cover.object, "mail");
+        const std::vector<std::string> settings = {
+            "Pattern_Source=0",
+            "Pattern=Pattern",
+            "Surface=Surface",
+            "Use_Surface_Mapping=1",
+            "Map_Channel=1",
+            cover.tiling,
+            cover.faces,
+            "Height=100",
+            "Crop_Size=" + list({size.x, size.y, size.z}),
+            "Crop_Transfrom=" + list({1, 0, 0, 0, 1, 0, 0, 0, 1, centre.x, centre.y, centre.z}),
+        };
+        for (const std::string& s : settings) applyAssignment(scene, *node, s, false);
+    }
 
     // Seen from above and to the side, so the rings' depth reads.
     scene.camera = {{"position", {95.0, -150.0, 88.0}},
