@@ -34,12 +34,6 @@ constexpr double kSameHit = 0.995;
 // Mean colour over blocks of 12 x 12 pixels: |a - b| / (a + b) at most this.
 constexpr int kBlock = 12;
 constexpr double kBlockColour = 0.1;
-// The pavers' brick tops lie on the tile's top face, and the procedural render
-// shades them with speckled self-shadowing that the baked mesh does not show:
-// a block of bricks may differ by a third (seen 0.37).
-constexpr const char* kSelfShadowed = "pavers-plane";
-constexpr double kSelfShadowedColour = 0.5;
-
 struct MosaiqNode {
     std::string name, material;
 };
@@ -192,8 +186,7 @@ TEST_F(Differential, BakedMeshRendersLikeTheProceduralPieces) {
                     relative.c_str(), sameShare, worstBlock);
         EXPECT_GE(sameShare, kSameHit)
             << relative << ": only " << sameShare * 100.0 << "% of pixels hit at the same distance";
-        EXPECT_LE(worstBlock, stem == kSelfShadowed ? kSelfShadowedColour : kBlockColour)
-            << relative;
+        EXPECT_LE(worstBlock, kBlockColour) << relative;
     }
 }
 
