@@ -123,7 +123,8 @@ std::vector<std::string> unreadablePatternFiles(mq::HostInterface& ip, const mq:
     namespace fs = std::filesystem;
     std::vector<std::string> problems;
     for (mq::Node* node : ip.scene().allNodes()) {
-        if (only && node != only) continue;
+        // A hidden node renders nothing anyway; a node asked for by name counts.
+        if (only ? node != only : !node->Renderable()) continue;
         mq::Object* obj = node->GetObjectRef();
         if (!obj || !obj->GetInterface(mq::kPatternToolsInterfaceId)) continue;
         // Only a file the pattern comes from matters; "/" is the unset default.

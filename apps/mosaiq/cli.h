@@ -71,7 +71,8 @@ std::string pathForScene(const std::filesystem::path& sceneFile, const std::stri
 mq::Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what);
 // One message per Mosaiq node whose pattern comes from a "Pattern_File"
 // that is set but cannot be read (missing, a folder, unreadable), naming
-// the node and the file; such a node renders nothing.
+// the node and the file; such a node renders nothing. Hidden nodes are
+// passed over.
 // With only set, that node alone is looked at.
 std::vector<std::string> unreadablePatternFiles(mq::HostInterface& ip,
                                                 const mq::Node* only = nullptr);
