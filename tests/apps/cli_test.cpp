@@ -355,6 +355,9 @@ TEST_F(CliFailures, InputErrorsExitWithThree) {
             {{"render", "slip.mosaiq", "--strict", "-q", "--resolution", "8x8", "-o", "o.png"},
              {"--strict made them errors"}},
             {{"--strict", "inspect", "lost-pattern.mosaiq"}, {"--strict"}},
+            // Warnings the render itself gives fail it before any frame is written.
+            {render("seq.png", {"--strict", "--frames", "1-2", "-D", "Mosaiq001.Poli_ID=7,8"}),
+             {"2 warnings above"}},
         });
 }
 
