@@ -37,6 +37,7 @@ void runBake(mq::HostInterface& ip, const BakeOptions& opt) {
     mq::Scene& scene = ip.scene();
     mq::Node* node = findUniqueNode(scene, opt.node, opt.scene.string());
     mq::IPatternTools& tools = patternToolsOrFail(*node, opt.scene.string());
+    checkPatternFilesOrFail(ip, opt.scene.string(), node);
     checkWritable(opt.output, "a mesh");
 
     const std::string what =
@@ -63,6 +64,7 @@ void runBake(mq::HostInterface& ip, const BakeOptions& opt) {
                                        std::to_string(stats.pieces) + " pieces); nothing written");
     }
 
+    checkStrict();
     try {
         mq::exportMesh(mesh, opt.output);
     } catch (const mq::ExportError& e) {

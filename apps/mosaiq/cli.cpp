@@ -4,6 +4,8 @@
 #include "cli.h"
 
 #include "host/atomic_file.h"
+#include "host/node.h"
+#include "host/paramblock.h"
 #include "host/scenefile.h"
 #include "tracer/renderer.h"
 
@@ -14,6 +16,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 
 namespace mosaiq::cli {
@@ -27,9 +30,37 @@ extern "C" void onFatalSignal(int signalNumber) {
     ::raise(signalNumber);
 }
 
+bool gStrict = false;
+int gWarnings = 0;
+
+// The named parameter's first element as text; "" when no block has it.
+std::string stringParam(mq::Object& obj, const std::string& name) {
+    for (int b = 0; b < obj.NumParamBlocks(); ++b) {
+        mq::ParamBlock* pb = obj.GetParamBlock(b);
+        const mq::ParamDef* def = pb ? pb->GetDesc()->findByName(name) : nullptr;
+        if (!def) continue;
+        return def->type == mq::TYPE_INT ? std::to_string(pb->GetInt(def->id, 0))
+                                         : pb->GetStr(def->id, 0);
+    }
+    return {};
+}
+
 }  // namespace
 
-void printWarning(const std::string& text) { std::cerr << "mosaiq: warning: " << text << "\n"; }
+void printWarning(const std::string& text) {
+    ++gWarnings;
+    std::cerr << "mosaiq: warning: " << text << "\n";
+}
+
+void setStrict(bool strict) { gStrict = strict; }
+bool isStrict() { return gStrict; }
+
+void checkStrict() {
+    if (!gStrict || gWarnings == 0) return;
+    throw CliError(kExitInput, std::to_string(gWarnings) + " warning" +
+                                   (gWarnings == 1 ? "" : "s") +
+                                   " above; --strict made them errors and nothing was written");
+}
 
 void removeTemporariesOnSignal() {
     struct sigaction sa {};
@@ -88,6 +119,44 @@ void loadSceneOrFail(mq::HostInterface& ip, const std::filesystem::path& file) {
     checkRenderDataOrFail(ip.scene(), file.string());
 }
 
+std::vector<std::string> unreadablePatternFiles(mq::HostInterface& ip, const mq::Node* only) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> problems;
+    for (mq::Node* node : ip.scene().allNodes()) {
+        // A hidden node renders nothing anyway; a node asked for by name counts.
+        if (only ? node != only : !node->Renderable()) continue;
+        mq::Object* obj = node->GetObjectRef();
+        if (!obj || !obj->GetInterface(mq::kPatternToolsInterfaceId)) continue;
+        // Only a file the pattern comes from matters; "/" is the unset default.
+        const std::string file = stringParam(*obj, "Pattern_File");
+        if (stringParam(*obj, "Pattern_Source") != "1" || file.empty() || file == "/") continue;
+        const std::string path = ip.ResolveAssetPath(file);
+        std::error_code ec;
+        std::string why;
+        if (!fs::exists(path, ec)) {
+            why = "does not exist";
+        } else if (fs::is_directory(path, ec)) {
+            why = "is a folder, not a file";
+        } else if (!std::ifstream(path, std::ios::binary)) {
+            why = std::string("cannot be read: ") + std::strerror(errno);
+        } else {
+            continue;
+        }
+        const fs::path looked = fs::absolute(path, ec);
+        problems.push_back(node->GetName() + ": pattern file \"" + file + "\" " + why +
+                           " (looked for " + looked.string() + "); the node would render nothing");
+    }
+    return problems;
+}
+
+void checkPatternFilesOrFail(mq::HostInterface& ip, const std::string& what, const mq::Node* only) {
+    const std::vector<std::string> problems = unreadablePatternFiles(ip, only);
+    if (problems.empty()) return;
+    std::string text = what + ": " + problems.front();
+    for (size_t i = 1; i < problems.size(); ++i) text += "\n  " + what + ": " + problems[i];
+    throw CliError(kExitInput, text);
+}
+
 void checkRenderDataOrFail(const mq::Scene& scene, const std::string& what) {
     try {
         mq::tracer::checkRenderData(scene);
@@ -97,6 +166,7 @@ void checkRenderDataOrFail(const mq::Scene& scene, const std::string& what) {
 }
 
 void saveSceneOrFail(const mq::Scene& scene, const std::filesystem::path& file) {
+    checkStrict();
     try {
         mq::saveScene(scene, file);
     } catch (const mq::SceneError& e) {

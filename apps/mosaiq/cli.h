@@ -14,8 +14,8 @@ namespace mosaiq::cli {
 
 enum ExitCode : int {
     kExitOk = 0,
-    kExitUsage = 2,   // bad arguments: unknown key, node or value
-    kExitInput = 3,   // a scene or asset that cannot be read
+    kExitUsage = 2,   // bad arguments: unknown command, key or value
+    kExitInput = 3,   // a scene or asset that cannot be read, a node the scene lacks
     kExitOutput = 4,  // a file that cannot be written
     kExitRender = 5,
     kExitInterrupted = 130,  // stopped by SIGINT or SIGTERM, as shells report it
@@ -31,7 +31,15 @@ private:
     ExitCode code_;
 };
 
+// Prints "mosaiq: warning: <text>" and counts it for --strict.
 void printWarning(const std::string& text);
+
+// With --strict every warning fails the command: call before anything is
+// written. CliError(kExitInput) when strict is on and a warning was printed.
+// With several frames, strict rendering holds every image until the last.
+void setStrict(bool strict);
+bool isStrict();
+void checkStrict();
 
 // From here on SIGINT and SIGTERM first remove the temporary files of writes
 // in flight, then end the process as they would have. The render command
@@ -58,9 +66,20 @@ void checkWritable(const std::filesystem::path& out, const std::string& what);
 // does not, so the scene renders the same from any folder. Empty stays empty.
 std::string pathForScene(const std::filesystem::path& sceneFile, const std::string& given);
 
-// The one node named name; CliError(kExitUsage) naming it, prefixed with
-// what, when there is none or more than one.
+// The one node named name; CliError(kExitInput) naming it (with the nearest
+// node name), prefixed with what, when there is none or more than one.
 mq::Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what);
+// One message per Mosaiq node whose pattern comes from a "Pattern_File"
+// that is set but cannot be read (missing, a folder, unreadable), naming
+// the node and the file; such a node renders nothing. Hidden nodes are
+// passed over.
+// With only set, that node alone is looked at.
+std::vector<std::string> unreadablePatternFiles(mq::HostInterface& ip,
+                                                const mq::Node* only = nullptr);
+// CliError(kExitInput), prefixed with what, listing unreadablePatternFiles.
+void checkPatternFilesOrFail(mq::HostInterface& ip, const std::string& what,
+                             const mq::Node* only = nullptr);
+
 // The pattern tools of node's Mosaiq object, owned by the object;
 // CliError(kExitUsage), prefixed with what, when the node holds something else.
 mq::IPatternTools& patternToolsOrFail(mq::Node& node, const std::string& what);
@@ -74,6 +93,7 @@ struct InspectOptions {
 };
 struct NewOptions {
     std::filesystem::path scene;
+    bool force = false;  // replace an existing file
 };
 struct ImportOptions {
     std::filesystem::path scene;
@@ -115,6 +135,7 @@ struct PreviewOptions {
     std::string crop;               // with pattern: the crop box; empty: the whole pattern
     int size = 0;                   // "Texture_Size"; 0: the node's, or its default
     std::filesystem::path output;   // .png (8-bit with alpha) or .exr; empty: derived
+    int repeat = 1;                 // the texture written repeated repeat x repeat times
 };
 
 struct BakeOptions {
@@ -127,8 +148,11 @@ struct BakeOptions {
 
 // Apply one `set`-style KEY=VALUE (parameter, optionally [index], or
 // renderable, material, transform) to node; CliError(kExitUsage) when the key
-// or value is bad. Prints the new value when echo is set.
-void applyAssignment(mq::Scene& scene, mq::Node& node, const std::string& keyValue, bool echo);
+// or value is bad. Prints the new value when echo is set. File names are
+// stored as pathForScene(sceneFile, value); an empty sceneFile keeps them
+// as given.
+void applyAssignment(mq::Scene& scene, mq::Node& node, const std::string& keyValue, bool echo,
+                     const std::filesystem::path& sceneFile = {});
 
 // Make the built-in demo scene the host's scene: a chain-mail Mosaiq object
 // over a cylinder standing on a ground plane, with camera, lights and

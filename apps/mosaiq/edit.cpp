@@ -5,6 +5,7 @@
 
 #include "host/classdesc.h"
 #include "host/plugins.h"
+#include "host/suggest.h"
 
 #include <charconv>
 #include <cmath>
@@ -135,13 +136,20 @@ mq::Matrix3 parseMatrix(const std::vector<std::string>& parts, size_t first,
 
 Node* findUniqueNode(mq::Scene& scene, const std::string& name, const std::string& what) {
     std::vector<Node*> found;
+    std::vector<std::string> names;
     for (Node* n : scene.allNodes()) {
         if (n->GetName() == name) found.push_back(n);
+        names.push_back(n->GetName());
     }
-    if (found.empty()) usage(what + ": no node named " + inQuotes(name) + " in the scene");
+    // The scene, not the command line, decides which names exist.
+    if (found.empty()) {
+        throw CliError(kExitInput, what + ": no node named " + inQuotes(name) + " in the scene" +
+                                       mq::didYouMean(name, names));
+    }
     if (found.size() > 1) {
-        usage(what + ": " + std::to_string(found.size()) + " nodes are named " + inQuotes(name) +
-              "; rename them apart first");
+        throw CliError(kExitInput, what + ": " + std::to_string(found.size()) +
+                                       " nodes are named " + inQuotes(name) +
+                                       "; rename them apart first");
     }
     return found.front();
 }
@@ -194,13 +202,13 @@ std::optional<ParamTarget> findParam(Node& node, const std::string& name) {
 
 const char* const kNodeProperties[] = {"renderable", "material", "transform"};
 
-std::string validKeys(Node& node) {
-    std::string keys;
-    for (const char* p : kNodeProperties) keys += (keys.empty() ? "" : ", ") + std::string(p);
+std::vector<std::string> validKeys(Node& node) {
+    std::vector<std::string> keys(std::begin(kNodeProperties), std::end(kNodeProperties));
     if (mq::Object* obj = node.GetObjectRef()) {
         for (int b = 0; b < obj->NumParamBlocks(); ++b) {
             if (const ParamBlock* pb = obj->GetParamBlock(b)) {
-                for (const ParamDef& def : pb->GetDesc()->params()) keys += ", " + def.internalName;
+                for (const ParamDef& def : pb->GetDesc()->params())
+                    keys.push_back(def.internalName);
             }
         }
     }
@@ -215,7 +223,8 @@ std::string describeValue(const ParamBlock& pb, const ParamDef& def) {
     return out;
 }
 
-void setParam(mq::Scene& scene, Node& node, const ParamTarget& target, const Assignment& a) {
+void setParam(mq::Scene& scene, Node& node, const ParamTarget& target, const Assignment& a,
+              const std::filesystem::path& sceneFile) {
     const ParamDef& def = *target.def;
     const std::string what = node.GetName() + ": " + a.text;
     const size_t perElement = size_t(componentsOf(def.type));
@@ -238,6 +247,11 @@ void setParam(mq::Scene& scene, Node& node, const ParamTarget& target, const Ass
               (elements * perElement == 1 ? "" : "s") + ", found " + std::to_string(parts.size()));
     }
 
+    // A file named on the command line is relative to the working folder;
+    // the scene keeps it so that it resolves from the scene's own folder.
+    if (def.type == mq::TYPE_FILENAME && !sceneFile.empty()) {
+        for (std::string& part : parts) part = pathForScene(sceneFile, part);
+    }
     std::vector<ParamValue> values;
     for (size_t e = 0; e < elements; ++e)
         values.push_back(parseElement(scene, def, parts, e * perElement, what));
@@ -298,7 +312,10 @@ void runNew(mq::HostInterface& ip, const NewOptions& opt) {
     ip.GetRootNode()->attachChild(std::move(node));
 
     std::error_code ec;
-    if (std::filesystem::exists(opt.scene, ec)) printWarning("overwriting " + opt.scene.string());
+    if (std::filesystem::exists(opt.scene, ec) && !opt.force) {
+        throw CliError(kExitOutput,
+                       opt.scene.string() + ": already exists; use --force to replace it");
+    }
     saveSceneOrFail(ip.scene(), opt.scene);
     std::cout << "wrote " << opt.scene.string() << "\n";
 }
@@ -332,7 +349,8 @@ void runImport(mq::HostInterface& ip, const ImportOptions& opt) {
     std::cout << "wrote " << opt.scene.string() << "\n";
 }
 
-void applyAssignment(mq::Scene& scene, Node& node, const std::string& keyValue, bool echo) {
+void applyAssignment(mq::Scene& scene, Node& node, const std::string& keyValue, bool echo,
+                     const std::filesystem::path& sceneFile) {
     const Assignment a = parseAssignment(keyValue);
     bool isProperty = false;
     for (const char* p : kNodeProperties) isProperty = isProperty || a.key == p;
@@ -343,10 +361,13 @@ void applyAssignment(mq::Scene& scene, Node& node, const std::string& keyValue, 
         if (isProperty) {
             setProperty(scene, node, a);
         } else if (std::optional<ParamTarget> target = findParam(node, a.key)) {
-            setParam(scene, node, *target, a);
+            setParam(scene, node, *target, a, sceneFile);
         } else {
+            const std::vector<std::string> keys = validKeys(node);
+            std::string list;
+            for (const std::string& k : keys) list += (list.empty() ? "" : ", ") + k;
             usage(node.GetName() + ": no parameter or property " + inQuotes(a.key) +
-                  "; valid keys: " + validKeys(node));
+                  mq::didYouMean(a.key, keys) + "; valid keys: " + list);
         }
     } catch (...) {
         if (saved) std::cout.rdbuf(saved);
@@ -360,8 +381,8 @@ void runSet(mq::HostInterface& ip, const SetOptions& opt) {
     mq::Scene& scene = ip.scene();
     Node* node = findUniqueNode(scene, opt.node, opt.scene.string());
 
-    for (const std::string& arg : opt.assignments) applyAssignment(scene, *node, arg, true);
     const std::filesystem::path out = opt.output.empty() ? opt.scene : opt.output;
+    for (const std::string& arg : opt.assignments) applyAssignment(scene, *node, arg, true, out);
     saveSceneOrFail(scene, out);
     std::cout << "wrote " << out.string() << "\n";
 }

@@ -5,9 +5,11 @@
 #include "host/check.h"
 #include "host/plugins.h"
 #include "host/scenefile.h"
+#include "host/suggest.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <iostream>
 
 int main(int argc, char** argv) {
@@ -16,6 +18,11 @@ int main(int argc, char** argv) {
     CLI::App app{"Mosaiq: tiles a pattern mesh over a surface at render time.", "mosaiq"};
     app.set_version_flag("--version", std::string("mosaiq ") + MOSAIQ_VERSION);
     app.require_subcommand(1);
+    bool strict = false;
+    app.add_flag("--strict", strict,
+                 "Treat every warning as an error (exit 3); nothing is written then");
+    // --strict also after the command's name.
+    app.fallthrough();
     app.footer(
         "Exit codes: 0 ok, 2 usage, 3 input or asset error, 4 output error, 5 render failure.");
 
@@ -34,6 +41,7 @@ int main(int argc, char** argv) {
     NewOptions newOpt;
     CLI::App* create = app.add_subcommand("new", "Write a scene with one default Mosaiq object");
     create->add_option("SCENE", newOpt.scene, "Scene file to write")->required();
+    create->add_flag("--force", newOpt.force, "Replace SCENE when it exists");
 
     ImportOptions importOpt;
     CLI::App* import = app.add_subcommand("import", "Merge mesh or scene files into a scene");
@@ -104,6 +112,10 @@ int main(int argc, char** argv) {
     preview->add_option("--size", previewOpt.size, "Texture size in pixels (Texture_Size)")
         ->check(CLI::Range(4, 2048));
     preview->add_option("-o,--output", previewOpt.output, "Image file (.png or .exr)");
+    preview
+        ->add_option("--repeat", previewOpt.repeat,
+                     "Write the texture repeated N x N times, to judge its seams")
+        ->check(CLI::Range(1, 16));
 
     BakeOptions bakeOpt;
     CLI::App* bake = app.add_subcommand(
@@ -118,6 +130,21 @@ int main(int argc, char** argv) {
                      "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
+    // The first word that is no option names the command; CLI11 would only
+    // call a misspelt one an unexpected argument.
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word.empty() || word[0] == '-') continue;
+        std::vector<std::string> commands;
+        for (const CLI::App* sub : app.get_subcommands({})) commands.push_back(sub->get_name());
+        if (std::find(commands.begin(), commands.end(), word) == commands.end()) {
+            std::cerr << "mosaiq: error: unknown command \"" << word << "\""
+                      << mq::didYouMean(word, commands) << "\nRun 'mosaiq --help' for usage.\n";
+            return kExitUsage;
+        }
+        break;
+    }
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -131,6 +158,7 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
 
+    setStrict(strict);
     removeTemporariesOnSignal();
     // The command handler's boundary: a CliError carries its exit code;
     // anything else is a fault of this program.
@@ -145,14 +173,24 @@ int main(int argc, char** argv) {
             printWarning(skipped);
         }
 
-        if (inspect->parsed()) runInspect(ip, inspectOpt);
+        if (inspect->parsed()) {
+            runInspect(ip, inspectOpt);
+            // Inspect only reports; render refuses such a scene.
+            for (const std::string& p : unreadablePatternFiles(ip))
+                printWarning(inspectOpt.scene.string() + ": " + p);
+        }
         if (create->parsed()) runNew(ip, newOpt);
         if (import->parsed()) runImport(ip, importOpt);
         if (set->parsed()) runSet(ip, setOpt);
         if (crop->parsed()) runCrop(ip, cropOpt);
         if (preview->parsed()) runPreview(ip, previewOpt);
         if (bake->parsed()) runBake(ip, bakeOpt);
-        if (render->parsed()) return runRender(ip, renderOpt);
+        if (render->parsed()) {
+            const int code = runRender(ip, renderOpt);
+            if (code != kExitOk) return code;
+        }
+        // Commands that write nothing fail here under --strict.
+        checkStrict();
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
         return e.code();

@@ -186,6 +186,21 @@ mq::Node* makePatternNode(mq::HostInterface& ip, const fs::path& file,
     return node;
 }
 
+// The image laid out n x n times; the caller has checked the size.
+mq::PreviewImage repeated(const mq::PreviewImage& tile, int n) {
+    mq::PreviewImage out;
+    out.width = tile.width * n;
+    out.height = tile.height * n;
+    out.rgba.resize(size_t(out.width) * size_t(out.height) * 4);
+    const size_t row = size_t(tile.width) * 4;
+    for (int y = 0; y < out.height; ++y) {
+        const float* from = &tile.rgba[size_t(y % tile.height) * row];
+        float* to = &out.rgba[size_t(y) * size_t(out.width) * 4];
+        for (int i = 0; i < n; ++i) std::copy(from, from + row, to + size_t(i) * row);
+    }
+    return out;
+}
+
 }  // namespace
 
 void runPreview(mq::HostInterface& ip, const PreviewOptions& opt) {
@@ -225,10 +240,22 @@ void runPreview(mq::HostInterface& ip, const PreviewOptions& opt) {
     if (opt.size > 0)
         applyAssignment(ip.scene(), *node, "Texture_Size=" + std::to_string(opt.size), false);
 
+    checkStrict();
     mq::PreviewImage image;
     std::string error;
     if (!patternToolsOrFail(*node, what).previewTexture(0, image, error))
         throw CliError(kExitInput, what + ": cannot make the preview: " + error);
+    if (opt.repeat > 1) {
+        constexpr int kMaxSide = 16384;
+        if (int64_t(image.width) * opt.repeat > kMaxSide ||
+            int64_t(image.height) * opt.repeat > kMaxSide) {
+            usage("--repeat " + std::to_string(opt.repeat) + ": a " + std::to_string(image.width) +
+                  "x" + std::to_string(image.height) + " texture repeated so is more than " +
+                  std::to_string(kMaxSide) + " pixels on a side");
+        }
+        image = repeated(image, opt.repeat);
+    }
+    checkStrict();
     writePreview(out, image);
     std::cout << "wrote " << out.string() << "\n";
 }

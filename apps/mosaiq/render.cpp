@@ -8,6 +8,7 @@
 
 #include "host/atomic_file.h"
 #include "host/node.h"
+#include "host/suggest.h"
 #include "tracer/renderer.h"
 
 #include <unistd.h>
@@ -94,7 +95,8 @@ mq::tracer::CropRegion parseCrop(const std::string& text, int width, int height)
 const char* const kRenderKeys[] = {"width", "height", "spp", "seed", "maxDepth", "threads"};
 
 // -D key=value: a render setting, or Node.Param=value (the last dot splits).
-void applyDefine(mq::Scene& scene, const std::string& define) {
+// File names are kept relative to sceneFile, as `set` stores them.
+void applyDefine(mq::Scene& scene, const std::string& define, const fs::path& sceneFile) {
     const size_t eq = define.find('=');
     if (eq == std::string::npos || eq == 0)
         usage("-D: expected key=value, found \"" + define + "\"");
@@ -104,14 +106,16 @@ void applyDefine(mq::Scene& scene, const std::string& define) {
         if (dot == 0 || dot + 1 == key.size())
             usage("-D " + define + ": expected Node.Param=value");
         mq::Node* node = findUniqueNode(scene, key.substr(0, dot), "-D " + define);
-        applyAssignment(scene, *node, key.substr(dot + 1) + "=" + value, false);
+        applyAssignment(scene, *node, key.substr(dot + 1) + "=" + value, false, sceneFile);
         return;
     }
     if (std::find(std::begin(kRenderKeys), std::end(kRenderKeys), key) == std::end(kRenderKeys)) {
+        const std::vector<std::string> known(std::begin(kRenderKeys), std::end(kRenderKeys));
         std::string keys;
-        for (const char* k : kRenderKeys) keys += (keys.empty() ? "" : ", ") + std::string(k);
-        usage("-D " + define + ": unknown render setting \"" + key +
-              "\" (render settings: " + keys + "; node parameters as Node.Param=value)");
+        for (const std::string& k : known) keys += (keys.empty() ? "" : ", ") + k;
+        usage("-D " + define + ": unknown render setting \"" + key + "\"" +
+              mq::didYouMean(key, known) + " (render settings: " + keys +
+              "; node parameters as Node.Param=value)");
     }
     const auto v = parseWhole(value);
     if (!v) usage("-D " + define + ": \"" + value + "\" is not a whole number");
@@ -242,7 +246,11 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
     }
     mq::Scene& scene = ip.scene();
     const std::string sceneName = opt.scene.empty() ? "demo scene" : opt.scene.string();
-    for (const std::string& d : opt.defines) applyDefine(scene, d);
+    for (const std::string& d : opt.defines) applyDefine(scene, d, opt.scene);
+    // A node whose pattern file is lost renders nothing; that is no success.
+    checkPatternFilesOrFail(ip, sceneName);
+    // A scene that warned already fails --strict before the long part.
+    checkStrict();
 
     mq::tracer::RenderSettings settings;
     try {
@@ -272,6 +280,20 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
         checkWritable(frameOutput(out, f, numbered), "an image");
 
     Progress progress(opt.quiet, ::isatty(STDERR_FILENO) == 1);
+    std::vector<std::pair<int, mq::tracer::Image>> held;
+    auto writeFrame = [&](int f, const mq::tracer::Image& img) {
+        const fs::path frameFile = frameOutput(out, f, numbered);
+        try {
+            mq::tracer::writeImage(
+                frameFile, img,
+                {{"Software", "mosaiq " MOSAIQ_VERSION}, {"mosaiq:frame", std::to_string(f)}});
+        } catch (const mq::tracer::RenderError& e) {
+            if (gInterrupted) throw Interrupted{};
+            throw CliError(kExitOutput, e.what());
+        }
+        if (!opt.quiet) std::cout << "wrote " << frameFile.string() << "\n";
+        if (gInterrupted) throw Interrupted{};
+    };
     try {
         mq::tracer::Renderer renderer(scene, settings);
         renderer.setWarningSink([](const std::string& w) { printWarning(w); });
@@ -298,18 +320,16 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
 
             if (!opt.pass.empty()) showPass(img, opt.pass);
 
-            const fs::path frameFile = frameOutput(out, f, numbered);
-            try {
-                mq::tracer::writeImage(
-                    frameFile, img,
-                    {{"Software", "mosaiq " MOSAIQ_VERSION}, {"mosaiq:frame", std::to_string(f)}});
-            } catch (const mq::tracer::RenderError& e) {
-                if (gInterrupted) throw Interrupted{};
-                throw CliError(kExitOutput, e.what());
+            // --strict must not leave some frames written when a later one warns.
+            if (isStrict() && numbered) {
+                held.emplace_back(f, std::move(img));
+                continue;
             }
-            if (!opt.quiet) std::cout << "wrote " << frameFile.string() << "\n";
-            if (gInterrupted) throw Interrupted{};
+            checkStrict();
+            writeFrame(f, img);
         }
+        checkStrict();
+        for (const auto& [f, img] : held) writeFrame(f, img);
         renderer.renderEnd();
     } catch (const Interrupted&) {
         std::cerr << "\nmosaiq: interrupted; no image written for the unfinished frame\n";

@@ -6,6 +6,7 @@
 #include "host/hold.h"
 #include "host/import.h"
 #include "host/object.h"
+#include "host/suggest.h"
 
 #include <algorithm>
 #include <cctype>
@@ -125,6 +126,9 @@ public:
         HoldSuspension noUndo;
         expectObject(doc, "");
         checkHeader(doc);
+        checkKeys(doc, "",
+                  {key::kFormat, key::kVersion, key::kNodes, key::kMaterials, key::kCamera,
+                   key::kLights, key::kRender});
 
         auto scene = std::make_unique<Scene>();
         readSections(doc, *scene);
@@ -158,6 +162,14 @@ private:
     }
     void warn(const std::string& path, const std::string& text) const {
         if (warn_) warn_(describeError(fileName_, path, text));
+    }
+    // A misspelt member would otherwise be dropped without a word.
+    void checkKeys(const json& record, const std::string& path,
+                   const std::vector<std::string>& known) const {
+        for (const auto& [name, value] : record.items()) {
+            if (std::find(known.begin(), known.end(), name) == known.end())
+                warn(at(path, name), "unknown key, ignored" + didYouMean(name, known));
+        }
     }
 
     json parse() const {
@@ -253,6 +265,9 @@ private:
 
     std::unique_ptr<Node> makeNode(const json& j, const std::string& path) {
         expectObject(j, path);
+        checkKeys(j, path,
+                  {key::kName, key::kTransform, key::kObjectOffset, key::kRenderable,
+                   key::kMaterial, key::kObject, key::kChildren});
         auto node =
             std::make_unique<Node>(readString(require(j, key::kName, path), at(path, key::kName)));
         if (const json* t = optional(j, key::kTransform)) {
@@ -286,9 +301,11 @@ private:
 
     ObjectPtr readObject(const json& j, const std::string& path) {
         expectObject(j, path);
+        checkKeys(j, path, {key::kClass, key::kMesh, key::kParamBlocks});
         const std::string cpath = at(path, key::kClass);
         const json& cls = require(j, key::kClass, path);
         expectObject(cls, cpath);
+        checkKeys(cls, cpath, {key::kSuperClass, key::kId, key::kName});
         const auto sid = static_cast<SClass_ID>(readInt(
             require(cls, key::kSuperClass, cpath), at(cpath, key::kSuperClass), 0, UINT32_MAX));
         const std::string idPath = at(cpath, key::kId);
@@ -343,6 +360,7 @@ private:
             const std::string bpath = at(path, b);
             const json& block = blocks[b];
             expectObject(block, bpath);
+            checkKeys(block, bpath, {key::kId, key::kName, key::kParams});
             const auto blockId = static_cast<BlockID>(readInt(
                 require(block, key::kId, bpath), at(bpath, key::kId), INT16_MIN, INT16_MAX));
             ParamBlock* pb = obj.GetParamBlockByID(blockId);
@@ -378,6 +396,7 @@ private:
     void readParam(ParamBlock& pb, const json& j, const std::string& path,
                    const std::string& className, std::unordered_set<int>& seen) {
         expectObject(j, path);
+        checkKeys(j, path, {key::kId, key::kName, key::kType, key::kValue});
         const ParamBlockDesc& desc = *pb.GetDesc();
         const auto id = static_cast<ParamID>(
             readInt(require(j, key::kId, path), at(path, key::kId), INT16_MIN, INT16_MAX));
@@ -396,9 +415,16 @@ private:
         if (const json* n = optional(j, key::kName)) {
             const std::string name = readString(*n, at(path, key::kName));
             if (name != def->internalName) {
+                // A name no parameter of the block has is likely a slip for another one.
+                std::string hint;
+                if (!desc.findByName(name)) {
+                    std::vector<std::string> names;
+                    for (const ParamDef& p : desc.params()) names.push_back(p.internalName);
+                    hint = didYouMean(name, names);
+                }
                 warn(at(path, key::kName),
                      "parameter " + std::to_string(id) + " is " + inQuotes(def->internalName) +
-                         "; the file calls it " + inQuotes(name) + " (loaded by id)");
+                         "; the file calls it " + inQuotes(name) + " (loaded by id)" + hint);
             }
         }
         if (const json* t = optional(j, key::kType)) {
@@ -499,6 +525,7 @@ private:
 
     void readTriMesh(TriObject& obj, const json& j, const std::string& path) {
         expectObject(j, path);
+        checkKeys(j, path, {key::kFile, key::kNode, key::kInline});
         const json* file = optional(j, key::kFile);
         const json* inl = optional(j, key::kInline);
         if ((file != nullptr) == (inl != nullptr)) {
@@ -546,6 +573,7 @@ private:
 
     Mesh readInlineMesh(const json& j, const std::string& path) const {
         expectObject(j, path);
+        checkKeys(j, path, {key::kVerts, key::kFaces, key::kMaps, key::kNormals});
         Mesh mesh;
         const std::string vpath = at(path, key::kVerts);
         const json& verts = require(j, key::kVerts, path);
@@ -606,6 +634,7 @@ private:
 
     void readMap(Mesh& mesh, int channel, const json& j, const std::string& path) const {
         expectObject(j, path);
+        checkKeys(j, path, {key::kVerts, key::kFaces});
         MeshMap& map = mesh.Map(channel);
         mesh.setMapSupport(channel);
         const std::string vpath = at(path, key::kVerts);
@@ -631,6 +660,7 @@ private:
 
     void readNormals(Mesh& mesh, const json& j, const std::string& path) const {
         expectObject(j, path);
+        checkKeys(j, path, {key::kNormals, key::kFaces});
         const std::string npath = at(path, key::kNormals);
         const json& normals = require(j, key::kNormals, path);
         expectArray(normals, npath);

@@ -19,9 +19,11 @@ bool previewImageSize(const Point3& cropSize, int32_t textureSize, int& width, i
 // (0..1), alpha the share of the pixel the pattern covers; rows from the
 // tile's largest y down. Casts against the tile alone (no repetition), so
 // light leaving the crop box is never blocked. The same tile always gives
-// the same image. Runs on the calling thread; a tile must not change while
-// it runs. False, with out emptied, when the tile is not built or has no
-// extent. Throws only std::bad_alloc.
-bool renderPreviewTexture(const PatternTile& tile, int32_t textureSize, PreviewImage& out);
+// the same image, bit for bit, on any number of threads. Uses threads
+// threads (0: one per hardware thread), the calling one among them; a tile
+// must not change while it runs. False, with out emptied, when the tile is
+// not built or has no extent. Throws only std::bad_alloc.
+bool renderPreviewTexture(const PatternTile& tile, int32_t textureSize, PreviewImage& out,
+                          int threads = 0);
 
 }  // namespace mq

@@ -121,7 +121,8 @@ TEST_F(CropCli, APatternFileWithoutFacesIsAnEmptyTileThatRendersNothingWithAWarn
             "object": {"class": {"superClass": 16, "id": [9, 0]},
                        "mesh": {"inline": {"verts": [[0, 0, 0], [1, 0, 0]], "faces": []}}}}]})");
     set({"Pattern_Source=1", "Pattern_File=" + points.string()});
-    const std::string warning = "\"" + points.string() + "\" holds a mesh without faces";
+    // Stored relative to the scene beside it.
+    const std::string warning = "\"points.mosaiq\" holds a mesh without faces";
     const Result tile = mosaiq({"inspect", scene_, "--tile", "Mosaiq001", "--json"});
     ASSERT_EQ(tile.code, 0) << tile.err;
     EXPECT_EQ(json::parse(tile.out)["faces"], 0);

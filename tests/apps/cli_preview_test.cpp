@@ -7,6 +7,7 @@
 
 #include <OpenImageIO/imageio.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -61,6 +62,19 @@ TEST_F(PreviewCli, PatternFileFitsTheWholePatternOrTakesTheGivenCropBox) {
     const mq::test::Picture whole = mq::test::readPicture(dir_ / "pattern-preview.png");
     EXPECT_NEAR(std::sqrt(double(whole.width) * whole.height), 20.0, 1.0);
     EXPECT_GT(opaquePixels(whole), 0);
+
+    // --repeat lays the same texture out 3 x 3.
+    r = mosaiq({"preview", "--pattern", "pattern.obj", "--size", "20", "--repeat", "3", "-o",
+                "tiled.png"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    const mq::test::Picture tiled = mq::test::readPicture(dir_ / "tiled.png");
+    ASSERT_TRUE(tiled.width == 3 * whole.width && tiled.height == 3 * whole.height);
+    int differing = 0;
+    for (int y = 0; y < tiled.height; ++y)
+        for (int x = 0; x < tiled.width; ++x)
+            differing += !std::equal(tiled.at(x, y), tiled.at(x, y) + 4,
+                                     whole.at(x % whole.width, y % whole.height));
+    EXPECT_EQ(differing, 0);
 
     // A crop box twice as wide as the pattern, and as deep: 20 * sqrt(2) by
     // 20 / sqrt(2) pixels, in float EXR.

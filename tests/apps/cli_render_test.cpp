@@ -82,7 +82,7 @@ TEST_F(RenderCli, FramesAreNumberedAndANodeThatRendersNothingIsNamedEachFrame) {
     EXPECT_EQ(mq::test::readPicture(path("seq.0002.png")).width, 48);
 
     // Copied elsewhere with its pattern beside it, the scene still finds the
-    // pattern; without the pattern, the node says which file is missing.
+    // pattern; without the pattern, the render fails naming the node and file.
     const fs::path examples = fs::path(MOSAIQ_SOURCE_DIR) / "examples";
     fs::create_directories(path("moved/patterns"));
     fs::copy_file(examples / "pavers-plane.mosaiq", path("moved/pavers-plane.mosaiq"));
@@ -96,8 +96,12 @@ TEST_F(RenderCli, FramesAreNumberedAndANodeThatRendersNothingIsNamedEachFrame) {
                                            "-o",
                                            path("moved.png").string()};
     const Result missing = mosaiq(args);
-    ASSERT_EQ(missing.code, 0) << missing.err;
-    EXPECT_NE(missing.err.find("patterns/pavers.obj"), std::string::npos) << missing.err;
+    EXPECT_EQ(missing.code, 3);
+    EXPECT_NE(
+        missing.err.find("Mosaiq_pavers: pattern file \"patterns/pavers.obj\" does not exist"),
+        std::string::npos)
+        << missing.err;
+    EXPECT_FALSE(fs::exists(path("moved.png")));
     fs::copy_file(examples / "patterns/pavers.obj", path("moved/patterns/pavers.obj"));
     const Result found = mosaiq(args);
     ASSERT_EQ(found.code, 0) << found.err;

@@ -56,9 +56,13 @@ protected:
 TEST_F(CliTest, NewWritesOneMosaiqObjectAndInspectPrintsExactlyItsDefaults) {
     EXPECT_EQ(mosaiq({"--version"}).out.rfind("mosaiq ", 0), 0u);
     writeText(path("scene.mosaiq"), "old");
-    const Result r = mosaiq({"new", path("scene.mosaiq").string()});
+    const Result refused = mosaiq({"new", path("scene.mosaiq").string()});
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_EQ(refused.err, "mosaiq: error: " + path("scene.mosaiq").string() +
+                               ": already exists; use --force to replace it\n");
+    EXPECT_EQ(readText(path("scene.mosaiq")), "old");
+    const Result r = mosaiq({"new", path("scene.mosaiq").string(), "--force"});
     EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_NE(r.err.find("overwriting"), std::string::npos) << r.err;
 
     const json doc = inspectJson(path("scene.mosaiq"));
     ASSERT_EQ(doc["nodes"].size(), 1u);
@@ -114,6 +118,31 @@ TEST_F(CliTest, SetClampsWithAWarningAndParsesTablesMatricesAndNodeProperties) {
     EXPECT_EQ(node["renderable"], false);
     EXPECT_EQ(node["transform"]["local"], json::parse("[[1,0,0],[0,1,0],[0,0,1],[10,20,30]]"));
     EXPECT_EQ(node["transform"]["world"], node["transform"]["local"]);
+}
+
+TEST_F(CliTest, FileParametersAreStoredForTheSceneAndALostPatternIsNamed) {
+    const fs::path scene = newScene();
+    writeObj("assets/tile.obj", "Tile");
+    fs::create_directories(path("work"));
+    workDir_ = path("work").string();
+    // Given relative to the working folder, stored relative to the scene's.
+    Result r = mosaiq({"set", "../scene.mosaiq", "Mosaiq001", "Pattern_Source=1",
+                       "Pattern_File=../assets/tile.obj"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(params(json::parse(readText(scene)), "Mosaiq001").at("Pattern_File")["value"],
+              "assets/tile.obj");
+    // Outside the scene's folder: absolute.
+    r = mosaiq({"set", "../scene.mosaiq", "Mosaiq001", "Pattern_File=/elsewhere/lost.obj"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    workDir_ = MOSAIQ_SOURCE_DIR;
+
+    // Inspect only warns about the lost pattern; render refuses.
+    r = mosaiq({"inspect", scene.string()});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.err.find("mosaiq: warning: " + scene.string() +
+                         ": Mosaiq001: pattern file \"/elsewhere/lost.obj\" does not exist"),
+              std::string::npos)
+        << r.err;
 }
 
 TEST_F(CliTest, ImportMergesMeshesUnderUniqueNamesAndRefersToThem) {
@@ -175,6 +204,9 @@ protected:
         json dangling = json::parse(readText(path("scene.mosaiq")));
         dangling["nodes"][0]["object"]["paramBlocks"][0]["params"][2]["value"] = "Ghost";
         writeText(path("dangling.mosaiq"), dangling.dump());
+        json slip = json::parse(readText(path("simple.mosaiq")));
+        slip["nodes"][0]["renderabel"] = false;
+        writeText(path("slip.mosaiq"), slip.dump());
         fs::create_directories(path("folder.mosaiq"));
         fs::create_directories(path("taken.png"));
         // The example with its pattern unset, itself, missing and unreadable.
@@ -245,26 +277,21 @@ TEST_F(CliFailures, UsageErrorsExitWithTwo) {
             {{"set", scene, "Mosaiq001", "Crop_Size"}, {"KEY=VALUE", "Crop_Size"}},
             {{"set", scene, "Mosaiq001", "Nope=1"},
              {"Mosaiq001", "Nope", "renderable", "Crop_Size", "Crop_Transfrom", "Poli_ID"}},
-            {{"set", scene, "Nobody", "Height=1"}, {"Nobody"}},
             {{"set", scene, "Mosaiq001", "Height=tall"}, {"Mosaiq001", "Height", "tall"}},
             {{"set", scene, "Mosaiq001", "Map_Channel=1.5"}, {"Map_Channel", "1.5"}},
             {{"set", scene, "Mosaiq001", "Crop_Size=1,2"}, {"Crop_Size", "3"}},
             {{"set", scene, "Mosaiq001", "Crop_Size[3]=1"}, {"Crop_Size", "0 to 2"}},
             {{"set", scene, "Mosaiq001", "Height[0]=1"}, {"Height", "not a table"}},
-            {{"set", scene, "Mosaiq001", "Pattern=Ghost"}, {"Pattern", "Ghost"}},
             {{"set", scene, "Mosaiq001", "material=Gold"}, {"Gold"}},
             {{"set", scene, "Mosaiq001", "transform=1,2,3"}, {"transform", "12"}},
             // A good assignment before a bad one is not written either.
             {{"set", scene, "Mosaiq001", "Height=50", "UV_Random_Seed=x"}, {"UV_Random_Seed"}},
-            {{"crop", "reset", simple, "Nobody"}, {"Nobody"}},
             {{"crop", "fit", simple, "Surface"}, {"Surface", "not a Mosaiq object"}},
-            {{"inspect", simple, "--tile", "Nobody"}, {"Nobody"}},
             {{"inspect", simple, "--tile", "Pattern"}, {"Pattern", "not a Mosaiq object"}},
             {{"crop", "twist", simple, "Mosaiq001"}, {"twist"}},
             {{"crop", "reset", simple}, {"NODE"}},
             {{"bake", simple, "Mosaiq001", "-o", "mesh.fbx"}, {"unsupported mesh format \".fbx\""}},
             {{"bake", simple, "Surface", "-o", "mesh.glb"}, {"is not a Mosaiq object"}},
-            {{"bake", simple, "Nobody", "-o", "mesh.glb"}, {"no node named \"Nobody\""}},
             {{"preview", simple, "Mosaiq001", "--pattern", "pattern.obj"}, {}},
             {{"preview"}, {}},
             {{"preview", "--pattern", "pattern.obj", "--crop", "0,0,1,10,0,4"}, {}},
@@ -273,7 +300,13 @@ TEST_F(CliFailures, UsageErrorsExitWithTwo) {
             {render("x.tiff"), {"unsupported image format"}},
             {render("seq.png", {"--frames", "3-1"}), {"--frames"}},
             {render("e.png", {"-D", "bogus=1"}), {"bogus"}},
-            {render("e.png", {"-D", "Nobody.Tiling=1,1"}), {"Nobody"}},
+            // Slips get the nearest name.
+            {{"rendr", simple}, {"unknown command \"rendr\" (did you mean \"render\"?)"}},
+            {{"--strict", "inspct", simple}, {"(did you mean \"inspect\"?)"}},
+            {{"set", scene, "Mosaiq001", "Heigth=1"},
+             {"no parameter or property \"Heigth\" (did you mean \"Height\"?)"}},
+            {render("e.png", {"-D", "sp=4"}), {"\"sp\" (did you mean \"spp\"?)"}},
+            {render("e.png", {"-D", "Mosaiq001.Tilling=2,2"}), {"(did you mean \"Tiling\"?)"}},
             {render("e.png", {"-D", "Mosaiq001.Tiling=a,b"}), {"Tiling"}},
         });
 }
@@ -299,9 +332,32 @@ TEST_F(CliFailures, InputErrorsExitWithThree) {
              {"Mosaiq001", "\"Pattern\""}},
             {{"crop", "reset", "self-pattern.mosaiq", "Mosaiq001"}, {"\"Mosaiq001\" has no mesh"}},
             {{"bake", "lost-pattern.mosaiq", "Mosaiq001", "-o", "mesh.glb"},
-             {"Mosaiq001: frame 0: cannot bake: "}},
+             {"lost-pattern.mosaiq: Mosaiq001: pattern file \"missing.obj\" does not exist"}},
             {{"preview", "unset-pattern.mosaiq", "Mosaiq001", "-o", "out.png"}, {"Mosaiq001"}},
             {{"preview", "--pattern", "missing.obj"}, {"missing.obj"}},
+            // A node the scene lacks, with the nearest name it has.
+            {{"set", scene, "Mosaiq01", "Height=1"},
+             {"no node named \"Mosaiq01\" in the scene (did you mean \"Mosaiq001\"?)"}},
+            {{"set", scene, "Mosaiq001", "Pattern=Ghost"}, {"Pattern", "Ghost"}},
+            {{"crop", "reset", simple, "Nobody"}, {"Nobody"}},
+            {{"inspect", simple, "--tile", "Nobody"}, {"Nobody"}},
+            {{"bake", simple, "Nobody", "-o", "mesh.glb"}, {"no node named \"Nobody\""}},
+            {render("e.png", {"-D", "Nobody.Tiling=1,1"}), {"Nobody"}},
+            // A lost pattern file renders nothing: no success.
+            {{"render", "lost-pattern.mosaiq", "-q", "--resolution", "8x8", "-o", "o.png"},
+             {"lost-pattern.mosaiq: Mosaiq001: pattern file \"missing.obj\" does not exist"}},
+            {render("o.png", {"-D", "Mosaiq001.Pattern_Source=1", "-D",
+                              "Mosaiq001.Pattern_File=missing.obj"}),
+             {"Mosaiq001: pattern file \"missing.obj\" does not exist"}},
+            // --strict: any warning fails before anything is written.
+            {{"--strict", "set", scene, "Mosaiq001", "Texture_Size=3"},
+             {"1 warning above; --strict made them errors and nothing was written"}},
+            {{"render", "slip.mosaiq", "--strict", "-q", "--resolution", "8x8", "-o", "o.png"},
+             {"--strict made them errors"}},
+            {{"--strict", "inspect", "lost-pattern.mosaiq"}, {"--strict"}},
+            // Warnings the render itself gives fail it before any frame is written.
+            {render("seq.png", {"--strict", "--frames", "1-2", "-D", "Mosaiq001.Poli_ID=7,8"}),
+             {"2 warnings above"}},
         });
 }
 

@@ -483,6 +483,38 @@ TEST_F(SceneFileTest, OutOfRangeValuesAreClampedWithAWarning) {
     }
 }
 
+TEST_F(SceneFileTest, UnknownKeysInEveryRecordWarnWithTheNearestKnownName) {
+    json doc = goodDocument();
+    const std::string obj = "/nodes/0/object", params = obj + "/paramBlocks/0/params";
+    const std::pair<std::string, std::string> slips[] = {
+        {"/versoin", "version"},
+        {"/nodes/0/renderabel", "renderable"},
+        {obj + "/paramBlock", "paramBlocks"},
+        {obj + "/class/superclass", "superClass"},
+        {obj + "/paramBlocks/0/parms", "params"},
+        {params + "/1/typ", "type"},
+        {"/nodes/1/object/mesh/inlin", "inline"},
+        {"/nodes/1/object/mesh/inline/normal", "normals"},
+    };
+    for (const auto& [pointer, meant] : slips) doc[json::json_pointer(pointer)] = 1;
+    doc[json::json_pointer(params + "/1/name")] = "Cuont";
+    writeText(dir / "slips.mosaiq", doc.dump());
+
+    std::vector<std::string> warnings;
+    std::unique_ptr<Scene> loaded = read(dir / "slips.mosaiq", &warnings);
+    EXPECT_TRUE(loaded->root()->GetChildNode(0)->Renderable());
+    const std::string file = (dir / "slips.mosaiq").string();
+    std::vector<std::string> expected;
+    for (const auto& [pointer, meant] : slips)
+        expected.push_back(file + ": " + pointer + ": unknown key, ignored (did you mean \"" +
+                           meant + "\"?)");
+    expected.push_back(file + ": " + params + "/1/name: parameter 1 is \"Count\"; the file calls " +
+                       "it \"Cuont\" (loaded by id) (did you mean \"Count\"?)");
+    std::sort(expected.begin(), expected.end());
+    std::sort(warnings.begin(), warnings.end());
+    EXPECT_EQ(warnings, expected);
+}
+
 TEST_F(SceneFileTest, AmbiguousReferencesAndNonFiniteValuesAreRefusedOnSave) {
     Scene scene;
     addNode(scene.root(), "Twin");

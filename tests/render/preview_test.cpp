@@ -129,6 +129,19 @@ TEST(PreviewTexture, AWallShadowsTheFloorBesideItAndRendersTheSameEveryTime) {
     PreviewImage again;
     ASSERT_TRUE(renderPreviewTexture(*tile, 14, again));
     EXPECT_EQ(again.rgba, img.rgba);
+
+    // Misses draw fewer random numbers than hits: with part of the tile
+    // bare, any thread count must still follow the one stream exactly.
+    tris.erase(tris.begin());
+    tris.push_back({Point3(-10, -10, 0.5f), Point3(8, -10, 0.5f), Point3(-10, 12, 0.5f)});
+    auto partial = builtTile(tris, {20, 10, 4});
+    PreviewImage one;
+    ASSERT_TRUE(renderPreviewTexture(*partial, 40, one, 1));
+    for (int threads : {2, 5}) {
+        PreviewImage many;
+        ASSERT_TRUE(renderPreviewTexture(*partial, 40, many, threads));
+        EXPECT_EQ(many.rgba, one.rgba) << threads << " threads";
+    }
 }
 
 }  // namespace
