@@ -3,6 +3,7 @@
 #include "tracer/shading.h"
 
 #include "host/node.h"
+#include "host/suggest.h"
 #include "tracer/renderer.h"
 
 #include <algorithm>
@@ -61,6 +62,17 @@ Point3 vec3(const json& j, const char* key, Point3 def, const std::string& path,
     if (!v.is_array() || v.size() != 3) fail(at, "expected three numbers, found " + v.dump());
     return {numberAt(v[0], at + "/0", lo, kMaxFloat), numberAt(v[1], at + "/1", lo, kMaxFloat),
             numberAt(v[2], at + "/2", lo, kMaxFloat)};
+}
+
+// Warns of each key of object j (at path) that is not among known, with the
+// nearest known one: a misspelt key would otherwise silently keep its default.
+void warnUnknownKeys(const json& j, const std::string& path, const std::vector<std::string>& known,
+                     const WarnFn& warn) {
+    if (!warn || !j.is_object()) return;
+    for (const auto& [key, value] : j.items()) {
+        if (std::find(known.begin(), known.end(), key) == known.end())
+            warn(path + "/" + key + ": unknown key" + didYouMean(key, known));
+    }
 }
 
 // Colours and radiances are never negative.
@@ -395,9 +407,7 @@ Material materialFrom(const json& j, const std::string& name, AssetCache* assets
             }
             m.baseColorChannel = c.get<int>();
         }
-        for (const auto& [key, value] : t.items()) {
-            if (key != "texture" && key != "channel" && warn) warn(at + "/" + key + ": ignored");
-        }
+        warnUnknownKeys(t, at, {"texture", "channel"}, warn);
         try {
             if (assets) m.baseColorTexture = &assets->texture(t["texture"].get<std::string>());
         } catch (const InputError& e) {
@@ -415,10 +425,48 @@ Material materialFrom(const json& j, const std::string& name, AssetCache* assets
              "/baseColorTexture: ignored; an image base colour is written as "
              "\"baseColor\": {\"texture\": file, \"channel\": n}");
     }
+    json rest = j;
+    rest.erase("baseColorTexture");
+    warnUnknownKeys(rest, path, {"baseColor", "roughness", "metallic", "specular", "emission"},
+                    warn);
     return m;
 }
 
-std::vector<Light> lightsFrom(const json& lights, AssetCache* assets) {
+// Keys a light of each type reads besides "type", "color" and "intensity".
+void warnLightKeys(const json& j, const std::string& type, const std::string& path,
+                   const WarnFn& warn) {
+    if (!warn) return;
+    static const std::vector<std::pair<std::string, std::vector<std::string>>> kKeys = {
+        {"sun", {"direction", "angle"}},
+        {"point", {"position"}},
+        {"sphere", {"position", "radius"}},
+        {"dome", {"image", "rotation", "sampling"}}};
+    std::vector<std::string> known = {"type", "color", "intensity"};
+    for (const auto& [t, keys] : kKeys) {
+        if (t == type) known.insert(known.end(), keys.begin(), keys.end());
+    }
+    for (const auto& [key, value] : j.items()) {
+        if (std::find(known.begin(), known.end(), key) != known.end()) continue;
+        std::string owner;
+        for (const auto& [t, keys] : kKeys) {
+            if (owner.empty() && std::find(keys.begin(), keys.end(), key) != keys.end()) owner = t;
+        }
+        if (!owner.empty()) {
+            warn(path + "/" + key + ": ignored; a \"" + type + "\" light has no \"" + key +
+                 "\" (a \"" + owner + "\" light has)");
+        } else {
+            warn(path + "/" + key + ": unknown key" + didYouMean(key, known));
+        }
+    }
+    if (type == "dome" && !j.contains("image")) {
+        for (const char* key : {"rotation", "sampling"}) {
+            if (j.contains(key))
+                warn(path + "/" + key + ": ignored; it applies to a dome with an \"image\"");
+        }
+    }
+}
+
+std::vector<Light> lightsFrom(const json& lights, AssetCache* assets, const WarnFn& warn) {
     std::vector<Light> out;
     if (!lights.is_null() && !lights.is_array()) fail("/lights", "expected an array");
     for (size_t i = 0; lights.is_array() && i < lights.size(); ++i) {
@@ -476,22 +524,27 @@ std::vector<Light> lightsFrom(const json& lights, AssetCache* assets) {
                 }
             }
         } else {
-            fail(path + "/type", "unknown light type \"" + type + "\"");
+            fail(path + "/type", "unknown light type \"" + type + "\"" +
+                                     didYouMean(type, {"sun", "point", "sphere", "dome"}));
         }
+        warnLightKeys(j, type, path, warn);
         // A bright colour times a large intensity (or over a tiny sun or sphere) can overflow.
         if (!isFinite(l.color))
             fail(path + "/intensity", "the light's radiance is beyond single precision");
         out.push_back(l);
     }
     if (out.empty()) {
+        // A soft sky and a key sun from the upper left of the default
+        // camera, so form reads; a grey 0.8 facing the sun comes to about
+        // 0.65, below the tone curve's shoulder, and about 0.17 in shadow.
         Light sky;
         sky.kind = Light::Kind::Dome;
-        sky.color = {0.35f, 0.45f, 0.6f};
+        sky.color = {0.18f, 0.22f, 0.28f};
         Light sun;
         sun.kind = Light::Kind::Sun;
-        sun.direction = Normalize(Point3(0.4f, -0.5f, 0.75f));
+        sun.direction = Normalize(Point3(-0.35f, -0.6f, 0.72f));
         sun.cosMax = std::cos(0.5f * 0.53f * kPi / 180.0f);
-        sun.color = Point3(1.0f, 0.95f, 0.85f) * (2.5f / (2.0f * kPi * (1.0f - sun.cosMax)));
+        sun.color = Point3(1.0f, 0.95f, 0.87f) * (2.0f / (2.0f * kPi * (1.0f - sun.cosMax)));
         out = {sky, sun};
     }
     return out;
@@ -504,11 +557,12 @@ Material parseMaterial(const json& j, const std::string& name, AssetCache& asset
     return materialFrom(j, name, &assets, warn);
 }
 
-std::vector<Light> parseLights(const json& lights, AssetCache& assets) {
-    return lightsFrom(lights, &assets);
+std::vector<Light> parseLights(const json& lights, AssetCache& assets, const WarnFn& warn) {
+    return lightsFrom(lights, &assets, warn);
 }
 
-Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height) {
+Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height,
+                  const WarnFn& warn) {
     Point3 position, target, up{0, 0, 1};
     float fovDeg = 45.0f;
     if (!j.is_null()) {
@@ -517,16 +571,33 @@ Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int he
         target = vec3(j, "target", {0, 0, 0}, "/camera");
         up = vec3(j, "up", up, "/camera");
         fovDeg = number(j, "fov", fovDeg, "/camera", 0.1f, 179.0f);
+        warnUnknownKeys(j, "/camera", {"position", "target", "up", "fov"}, warn);
     } else {
-        // Frame the bounds from the front left, above, with a little margin.
+        // A three-quarter view from the front left and above, at the nearest
+        // distance that keeps every corner of the bounds inside the frame
+        // with a small margin: a box fits far tighter than its sphere.
         const Box3 b = bounds.IsEmpty() ? Box3({-1, -1, -1}, {1, 1, 1}) : bounds;
         target = b.Center();
-        const float radius = std::max(0.5f * Length(b.Width()), 1e-3f);
-        const float halfFov = 0.5f * fovDeg * kPi / 180.0f;
-        const float halfMin =
-            std::atan(std::tan(halfFov) * std::min(1.0f, float(height) / float(width)));
-        const float dist = 1.05f * radius / std::sin(halfMin);
-        position = target + Normalize(Point3(0.55f, -0.75f, 0.45f)) * dist;
+        const Point3 back = Normalize(Point3(0.55f, -0.75f, 0.45f));  // target to camera
+        const Point3 right = Normalize(CrossProd(-back, up));
+        const Point3 viewUp = CrossProd(right, -back);
+        const float tanX = std::tan(0.5f * fovDeg * kPi / 180.0f);
+        const float tanY = tanX * float(height) / float(width);
+        constexpr float kMargin = 1.08f;
+        float dist = 0.0f, nearest = 0.0f;
+        for (int corner = 0; corner < 8; ++corner) {
+            const Point3 p{corner & 1 ? b.pmax.x : b.pmin.x, corner & 2 ? b.pmax.y : b.pmin.y,
+                           corner & 4 ? b.pmax.z : b.pmin.z};
+            const Point3 d = p - target;
+            const float along = DotProd(d, back);
+            const float x = std::fabs(DotProd(d, right)) * kMargin / tanX;
+            const float y = std::fabs(DotProd(d, viewUp)) * kMargin / tanY;
+            dist = std::max(dist, along + std::max(x, y));
+            nearest = std::max(nearest, along);
+        }
+        // Outside the box, whatever its shape.
+        dist = std::max({dist, 1.05f * nearest, 1e-3f});
+        position = target + back * dist;
     }
     Camera c;
     c.position = position;
@@ -544,18 +615,18 @@ Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int he
 }
 
 // Declared in renderer.h; it lives beside the parsers it runs.
-void checkRenderData(const Scene& scene) {
+void checkRenderData(const Scene& scene, const WarnFn& warn) {
     RenderSettings settings;
     try {
-        settings = RenderSettings::fromJson(scene.render);
+        settings = RenderSettings::fromJson(scene.render, warn);
     } catch (const RenderError& e) {
         throw InputError(e.what());
     }
     if (scene.materials.is_object()) {
-        for (const auto& [name, j] : scene.materials.items()) materialFrom(j, name, nullptr, {});
+        for (const auto& [name, j] : scene.materials.items()) materialFrom(j, name, nullptr, warn);
     }
-    lightsFrom(scene.lights, nullptr);
-    makeCamera(scene.camera, Box3(), settings.width, settings.height);
+    lightsFrom(scene.lights, nullptr, warn);
+    makeCamera(scene.camera, Box3(), settings.width, settings.height, warn);
 }
 
 }  // namespace mq::tracer

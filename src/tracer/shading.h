@@ -151,14 +151,16 @@ struct Camera {
 // them without loading images. They throw InputError naming the JSON path and
 // the value (and for images the file and the reason): colours, emission and
 // intensities must be finite and >= 0, and every number must fit a float.
-// `warn` gets values that are accepted but ignored. Images are loaded through
-// `assets`.
+// `warn` gets keys that are unknown or ignored, named by their JSON path with
+// the nearest known key. Images are loaded through `assets`.
 Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
                        const std::function<void(const std::string&)>& warn);
 // Lights of the scene; a default sky dome and sun when there are none.
-std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets);
-// Camera from {position, target, up, fov (horizontal, degrees)}, or framed on
-// `bounds` when j is null.
-Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height);
+std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets,
+                               const std::function<void(const std::string&)>& warn = {});
+// Camera from {position, target, up, fov (horizontal, degrees)}, or, when j
+// is null, a three-quarter view from above that fits `bounds` to the frame.
+Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height,
+                  const std::function<void(const std::string&)>& warn = {});
 
 }  // namespace mq::tracer
