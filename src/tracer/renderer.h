@@ -73,8 +73,9 @@ struct RenderSettings {
     ToneCurve toneCurve = ToneCurve::Filmic;
     // Largest luminance of the indirect light (after the first bounce) one
     // sample brings, beyond which it is scaled down: rare bright paths
-    // (sunlight through glossy bounces) make isolated white pixels. 0: off.
-    float clamp = 10.0f;
+    // (sunlight off metal onto the ground) make isolated white pixels. 0: off.
+    // 1.5 cleans the demo's ground at 32 spp and lowers its mean by 0.26 %.
+    float clamp = 1.5f;
     std::optional<CropRegion> crop;
     // Folder that relative texture and dome image paths in the scene resolve
     // against (normally the scene file's folder); empty: the working directory.

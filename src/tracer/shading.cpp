@@ -584,19 +584,39 @@ Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int he
         const float tanX = std::tan(0.5f * fovDeg * kPi / 180.0f);
         const float tanY = tanX * float(height) / float(width);
         constexpr float kMargin = 1.08f;
-        float dist = 0.0f, nearest = 0.0f;
-        for (int corner = 0; corner < 8; ++corner) {
-            const Point3 p{corner & 1 ? b.pmax.x : b.pmin.x, corner & 2 ? b.pmax.y : b.pmin.y,
-                           corner & 4 ? b.pmax.z : b.pmin.z};
-            const Point3 d = p - target;
-            const float along = DotProd(d, back);
-            const float x = std::fabs(DotProd(d, right)) * kMargin / tanX;
-            const float y = std::fabs(DotProd(d, viewUp)) * kMargin / tanY;
-            dist = std::max(dist, along + std::max(x, y));
-            nearest = std::max(nearest, along);
+        auto corner = [&](int i) {
+            return Point3{i & 1 ? b.pmax.x : b.pmin.x, i & 2 ? b.pmax.y : b.pmin.y,
+                          i & 4 ? b.pmax.z : b.pmin.z};
+        };
+        // The nearest distance from target at which every corner is in view.
+        auto fit = [&] {
+            float dist = 0.0f, nearest = 0.0f;
+            for (int i = 0; i < 8; ++i) {
+                const Point3 d = corner(i) - target;
+                const float along = DotProd(d, back);
+                const float x = std::fabs(DotProd(d, right)) * kMargin / tanX;
+                const float y = std::fabs(DotProd(d, viewUp)) * kMargin / tanY;
+                dist = std::max(dist, along + std::max(x, y));
+                nearest = std::max(nearest, along);
+            }
+            // Outside the box, whatever its shape.
+            return std::max({dist, 1.05f * nearest, 1e-3f});
+        };
+        // Perspective draws the near corners larger: centre the projected
+        // extent by moving the target across the view, then fit again.
+        float dist = fit();
+        for (int pass = 0; pass < 4; ++pass) {
+            float lo[2] = {1e30f, 1e30f}, hi[2] = {-1e30f, -1e30f};
+            for (int i = 0; i < 8; ++i) {
+                const Point3 d = corner(i) - target;
+                const float depth = std::max(dist - DotProd(d, back), 1e-6f);
+                const float sx = DotProd(d, right) / depth, sy = DotProd(d, viewUp) / depth;
+                lo[0] = std::min(lo[0], sx), hi[0] = std::max(hi[0], sx);
+                lo[1] = std::min(lo[1], sy), hi[1] = std::max(hi[1], sy);
+            }
+            target += (right * (lo[0] + hi[0]) + viewUp * (lo[1] + hi[1])) * (0.5f * dist);
+            dist = fit();
         }
-        // Outside the box, whatever its shape.
-        dist = std::max({dist, 1.05f * nearest, 1e-3f});
         position = target + back * dist;
     }
     Camera c;
