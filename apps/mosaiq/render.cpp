@@ -92,8 +92,6 @@ mq::tracer::CropRegion parseCrop(const std::string& text, int width, int height)
     return {v[0], v[1], v[2], v[3]};
 }
 
-const char* const kRenderKeys[] = {"width", "height", "spp", "seed", "maxDepth", "threads"};
-
 // -D key=value: a render setting, or Node.Param=value (the last dot splits).
 // File names are kept relative to sceneFile, as `set` stores them.
 void applyDefine(mq::Scene& scene, const std::string& define, const fs::path& sceneFile) {
@@ -109,17 +107,26 @@ void applyDefine(mq::Scene& scene, const std::string& define, const fs::path& sc
         applyAssignment(scene, *node, key.substr(dot + 1) + "=" + value, false, sceneFile);
         return;
     }
-    if (std::find(std::begin(kRenderKeys), std::end(kRenderKeys), key) == std::end(kRenderKeys)) {
-        const std::vector<std::string> known(std::begin(kRenderKeys), std::end(kRenderKeys));
+    const auto& renderKeys = mq::tracer::RenderSettings::keys();
+    if (std::find(renderKeys.begin(), renderKeys.end(), key) == renderKeys.end()) {
         std::string keys;
-        for (const std::string& k : known) keys += (keys.empty() ? "" : ", ") + k;
+        for (const std::string& k : renderKeys) keys += (keys.empty() ? "" : ", ") + k;
         usage("-D " + define + ": unknown render setting \"" + key + "\"" +
-              mq::didYouMean(key, known) + " (render settings: " + keys +
+              mq::didYouMean(key, renderKeys) + " (render settings: " + keys +
               "; node parameters as Node.Param=value)");
     }
-    const auto v = parseWhole(value);
-    if (!v) usage("-D " + define + ": \"" + value + "\" is not a whole number");
-    scene.render[key] = *v;
+    // A whole number, another number, or a word ("tonemap=linear"); the
+    // settings' own check then names what the key expects.
+    double number = 0.0;
+    const auto res = std::from_chars(value.data(), value.data() + value.size(), number);
+    const bool isNumber = !value.empty() && res.ec == std::errc() &&
+                          res.ptr == value.data() + value.size() && std::isfinite(number);
+    if (const auto whole = parseWhole(value))
+        scene.render[key] = *whole;
+    else if (isNumber)
+        scene.render[key] = number;
+    else
+        scene.render[key] = value;
 }
 
 // Output for one frame: name.0001.png when several frames are rendered.
@@ -208,6 +215,7 @@ void showPass(mq::tracer::Image& img, const std::string& pass) {
         for (int a = 0; a < 3; ++a) img.rgba[4 * i + a] = linear(c[a]);
         img.rgba[4 * i + 3] = hit ? 1.0f : 0.0f;
     }
+    img.display = {};  // exact values, no exposure or tone curve
 }
 
 struct SignalGuard {
@@ -254,7 +262,8 @@ int runRender(mq::HostInterface& ip, const RenderOptions& opt) {
 
     mq::tracer::RenderSettings settings;
     try {
-        settings = mq::tracer::RenderSettings::fromJson(scene.render);
+        settings = mq::tracer::RenderSettings::fromJson(
+            scene.render, [](const std::string& w) { printWarning(w); });
     } catch (const mq::tracer::RenderError& e) {
         throw CliError(opt.defines.empty() ? kExitInput : kExitUsage, sceneName + ": " + e.what());
     }

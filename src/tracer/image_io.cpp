@@ -12,8 +12,20 @@ namespace mq::tracer {
 
 namespace {
 
-uint8_t toSrgb8(float linear) {
-    const float c = std::clamp(std::isfinite(linear) ? linear : 0.0f, 0.0f, 1.0f);
+// A film-like shoulder: values up to the knee pass unchanged, so shadows and
+// mid-tones look as a clipped image shows them; above it the curve keeps its
+// slope of 1 and bends exponentially towards 1, so highlights keep detail
+// instead of clipping (1 -> 0.85, 2 -> 0.99).
+float filmic(float x) {
+    constexpr float kKnee = 0.6f;
+    if (x <= kKnee) return x;
+    return kKnee + (1.0f - kKnee) * (1.0f - std::exp(-(x - kKnee) / (1.0f - kKnee)));
+}
+
+uint8_t toSrgb8(float linear, const DisplayTransform& display, float scale) {
+    float c = std::isfinite(linear) ? std::max(linear * scale, 0.0f) : 0.0f;
+    if (display.curve == ToneCurve::Filmic) c = filmic(c);
+    c = std::min(c, 1.0f);
     const float s = c <= 0.0031308f ? 12.92f * c : 1.055f * std::pow(c, 1.0f / 2.4f) - 0.055f;
     return uint8_t(std::lround(s * 255.0f));
 }
@@ -63,8 +75,10 @@ void writeWith(const std::filesystem::path& file, const std::string& ext, const 
     if (nc == 4) imageSpec.alpha_channel = 3;
     for (const auto& [k, v] : metadata) imageSpec.attribute(k, v);
     std::vector<uint8_t> px(n * nc);
+    const float scale = std::exp2(img.display.exposure);
     for (size_t i = 0; i < n; ++i) {
-        for (int c = 0; c < 3; ++c) px[i * nc + c] = toSrgb8(img.rgba[4 * i + c]);
+        for (int c = 0; c < 3; ++c)
+            px[i * nc + c] = toSrgb8(img.rgba[4 * i + c], img.display, scale);
         if (nc == 4) {
             px[i * nc + 3] =
                 uint8_t(std::lround(std::clamp(img.rgba[4 * i + 3], 0.0f, 1.0f) * 255.0f));

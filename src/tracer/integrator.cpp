@@ -59,6 +59,7 @@ bool Integrator::occluded(RayContext& rc, ThreadState& ts) const {
 namespace {
 
 float maxComponent(const Point3& p) { return std::max(p.x, std::max(p.y, p.z)); }
+float luminance(const Point3& c) { return 0.2126f * c.x + 0.7152f * c.y + 0.0722f * c.z; }
 
 // A point just off the surface on the side of direction d, so the next ray
 // does not hit the surface it leaves.
@@ -78,7 +79,6 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
     const size_t pix = size_t(y) * img.width + x;
     Point3 sum;
     float coverage = 0.0f;
-    const float lightSelectPdf = lights_.empty() ? 0.0f : 1.0f / float(lights_.size());
 
     for (int s = 0; s < settings_.samplesPerPixel; ++s) {
         Rng rng(sampleHash(uint32_t(x), uint32_t(y), uint32_t(s), uint32_t(frameIndex),
@@ -91,7 +91,9 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
         for (int a = 0; a < 3; ++a) rc.origin[a] = camera_.position[a];
         rc.tMax = kInf;
 
-        Point3 radiance, beta{1, 1, 1};
+        // Light reaching the first hit directly, and the rest, which the
+        // firefly clamp bounds.
+        Point3 direct, indirect, beta{1, 1, 1};
         float prevBsdfPdf = 0.0f;  // 0: the ray came from the camera
         Point3 prevPoint;
         for (int depth = 0;; ++depth) {
@@ -118,16 +120,15 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
                 } else {
                     continue;
                 }
-                const float w =
-                    prevBsdfPdf > 0.0f ? powerHeuristic(prevBsdfPdf, pdfL * lightSelectPdf) : 1.0f;
-                radiance += beta * lightRadiance(l, rc.direction) * w;
+                const float w = prevBsdfPdf > 0.0f ? powerHeuristic(prevBsdfPdf, pdfL) : 1.0f;
+                (depth <= 1 ? direct : indirect) += beta * lightRadiance(l, rc.direction) * w;
             }
             if (!hit || absorbed) break;
 
             rc.hit = &isect;
             MQ_DCHECK(rec->material >= 0 && size_t(rec->material) < materials_.size());
             const Material& m = materials_[rec->material];
-            radiance += beta * m.emission;
+            (depth <= 1 ? direct : indirect) += beta * m.emission;
             if (depth == 0) {
                 const Point3& n = isect.shadingNormal;
                 img.normal[3 * pix] = n.x;
@@ -153,31 +154,25 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
             const Bsdf bsdf(m, m.baseColorAt(rc));
             const Point3 p{float(isect.point[0]), float(isect.point[1]), float(isect.point[2])};
 
-            // Next-event estimation with one light chosen uniformly.
-            const float uPick = rng.uniform(), ul1 = rng.uniform(), ul2 = rng.uniform();
-            if (!lights_.empty()) {
-                const Light& l =
-                    lights_[std::min(size_t(uPick * float(lights_.size())), lights_.size() - 1)];
+            // Next-event estimation towards every light: scenes hold a few,
+            // and choosing one at random left half the samples without sun.
+            for (const Light& l : lights_) {
+                const float ul1 = rng.uniform(), ul2 = rng.uniform();
                 LightSample ls;
-                if (sampleLight(l, p, ul1, ul2, ls) && DotProd(ls.wi, ng) > 0.0f) {
-                    const Point3 wiL = frame.toLocal(ls.wi);
-                    const Point3 f = bsdf.eval(woL, wiL) * std::fabs(wiL.z);
-                    if (maxComponent(f) > 0.0f) {
-                        RayContext shadow;
-                        shadow.threadIndex = threadIndex;
-                        shadow.rayLevel = rc.rayLevel + 1;
-                        shadow.skipTag = isect.skipTag;
-                        offsetOrigin(isect, ng, ls.wi, shadow.origin);
-                        shadow.direction = ls.wi;
-                        shadow.tMax = ls.distance < 1e29f ? ls.distance * (1.0f - 1e-4f) : kInf;
-                        if (!occluded(shadow, ts)) {
-                            const float pdfL = ls.pdf * lightSelectPdf;
-                            const float w =
-                                l.isDelta() ? 1.0f : powerHeuristic(pdfL, bsdf.pdf(woL, wiL));
-                            radiance += beta * f * ls.radiance * (w / pdfL);
-                        }
-                    }
-                }
+                if (!sampleLight(l, p, ul1, ul2, ls) || DotProd(ls.wi, ng) <= 0.0f) continue;
+                const Point3 wiL = frame.toLocal(ls.wi);
+                const Point3 f = bsdf.eval(woL, wiL) * std::fabs(wiL.z);
+                if (!(maxComponent(f) > 0.0f)) continue;
+                RayContext shadow;
+                shadow.threadIndex = threadIndex;
+                shadow.rayLevel = rc.rayLevel + 1;
+                shadow.skipTag = isect.skipTag;
+                offsetOrigin(isect, ng, ls.wi, shadow.origin);
+                shadow.direction = ls.wi;
+                shadow.tMax = ls.distance < 1e29f ? ls.distance * (1.0f - 1e-4f) : kInf;
+                if (occluded(shadow, ts)) continue;
+                const float w = l.isDelta() ? 1.0f : powerHeuristic(ls.pdf, bsdf.pdf(woL, wiL));
+                (depth == 0 ? direct : indirect) += beta * f * ls.radiance * (w / ls.pdf);
             }
 
             // Continue the path by sampling the BSDF.
@@ -205,6 +200,10 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
             rc.skipTag = isect.skipTag;
             rc.hit = nullptr;
         }
+        const float indirectLum = luminance(indirect);
+        if (settings_.clamp > 0.0f && indirectLum > settings_.clamp)
+            indirect = indirect * (settings_.clamp / indirectLum);
+        const Point3 radiance = direct + indirect;
         if (std::isfinite(radiance.x) && std::isfinite(radiance.y) && std::isfinite(radiance.z)) {
             sum += radiance;
         }

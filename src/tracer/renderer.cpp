@@ -5,6 +5,7 @@
 #include "host/check.h"
 #include "host/node.h"
 #include "host/object.h"
+#include "host/suggest.h"
 #include "tracer/embree_scene.h"
 #include "tracer/integrator.h"
 #include "tracer/protocol.h"
@@ -53,7 +54,13 @@ Image::Image(int w, int h)
       objectId(size_t(w) * h, 0.0f),
       uv(size_t(w) * h * 3, 0.0f) {}
 
-RenderSettings RenderSettings::fromJson(const nlohmann::json& render) {
+const std::vector<std::string>& RenderSettings::keys() {
+    static const std::vector<std::string> k = {"width",   "height",   "spp",     "seed", "maxDepth",
+                                               "threads", "exposure", "tonemap", "clamp"};
+    return k;
+}
+
+RenderSettings RenderSettings::fromJson(const nlohmann::json& render, const WarningFn& warn) {
     RenderSettings s;
     if (render.is_null()) return s;
     if (!render.is_object()) throw RenderError("/render: expected an object");
@@ -67,12 +74,39 @@ RenderSettings RenderSettings::fromJson(const nlohmann::json& render) {
         }
         return v.get<int>();
     };
+    auto number = [&](const char* key, float def, double lo, double hi, const char* expected) {
+        if (!render.contains(key)) return def;
+        const auto& v = render[key];
+        if (!v.is_number() || !(v.get<double>() >= lo && v.get<double>() <= hi)) {
+            throw RenderError(std::string("/render/") + key + ": expected " + expected +
+                              ", found " + v.dump());
+        }
+        return float(v.get<double>());
+    };
     s.width = integer("width", s.width, 1, 65536);
     s.height = integer("height", s.height, 1, 65536);
     s.samplesPerPixel = integer("spp", s.samplesPerPixel, 1, 1 << 20);
     s.seed = uint32_t(integer("seed", int(s.seed), 0, std::numeric_limits<int>::max()));
     s.maxDepth = integer("maxDepth", s.maxDepth, 1, 1024);
     s.threads = integer("threads", s.threads, 0, 4096);
+    s.exposure = number("exposure", s.exposure, -64.0, 64.0, "stops in [-64, 64]");
+    s.clamp = number("clamp", s.clamp, 0.0, 1e30, "a luminance >= 0 (0: off)");
+    if (render.contains("tonemap")) {
+        const auto& v = render["tonemap"];
+        const std::vector<std::string> curves = {"filmic", "linear"};
+        const std::string name = v.is_string() ? v.get<std::string>() : std::string();
+        if (name != "filmic" && name != "linear") {
+            throw RenderError("/render/tonemap: expected \"filmic\" or \"linear\", found " +
+                              v.dump() + (v.is_string() ? didYouMean(name, curves) : ""));
+        }
+        s.toneCurve = name == "filmic" ? ToneCurve::Filmic : ToneCurve::Linear;
+    }
+    if (warn) {
+        for (const auto& [key, value] : render.items()) {
+            if (std::find(keys().begin(), keys().end(), key) == keys().end())
+                warn("/render/" + key + ": unknown key" + didYouMean(key, keys()));
+        }
+    }
     return s;
 }
 
@@ -214,7 +248,9 @@ void Renderer::Impl::begin() {
             materials.push_back(parseMaterial(j, name, *assets, warn));
         }
     }
-    lights = parseLights(scene.lights, *assets);
+    lights = parseLights(scene.lights, *assets, warn);
+    // The camera is framed per frame; its keys are checked once, here.
+    makeCamera(scene.camera, Box3(), settings.width, settings.height, warn);
 
     // Renderable nodes: render objects get instances, the rest become meshes.
     int objectId = 0;
@@ -348,6 +384,7 @@ Image Renderer::Impl::frame(int frameIndex) {
 
     // A failed frame still ends for every object before the failure goes on.
     Image img(settings.width, settings.height);
+    img.display = settings.display();
     try {
         buildScene();
         camera = makeCamera(scene.camera, frameScene->bounds(), settings.width, settings.height);

@@ -42,9 +42,20 @@ struct Material {
     }
 };
 
-// Diffuse plus a GGX microfacet lobe (Walter et al., "Microfacet Models for
-// Refraction through Rough Surfaces", EGSR 2007), in the local frame where
-// the shading normal is +z. wo and wi point away from the surface.
+// A GGX microfacet lobe (Walter et al., "Microfacet Models for Refraction
+// through Rough Surfaces", EGSR 2007) with height-correlated Smith masking
+// (Heitz, "Understanding the Masking-Shadowing Function in Microfacet-Based
+// BRDFs", JCGT 2014), sampled by its visible normals (Heitz, "Sampling the
+// GGX Distribution of Visible Normals", JCGT 2018), over a diffuse base that
+// gets only what the dielectric coat does not reflect: the base is weighted
+// by (1 - E(wo)) (1 - E(wi)) / (1 - Eavg), E being the coat's directional
+// albedo (Kelemen and Szirmay-Kalos, "A Microfacet Based Coupled
+// Specular-Matte BRDF Model", Eurographics 2001), and a lobe of the same
+// shape gives back the energy single scattering loses (see shading.cpp). So f
+// is reciprocal, and under a white dome white materials reflect 1 at every
+// angle, metals and dielectrics alike.
+// The local frame has the shading normal on +z; wo and wi point away from
+// the surface. Nothing here allocates; the albedo tables are built once.
 class Bsdf {
 public:
     Bsdf(const Material& m, const Point3& baseColor);
@@ -56,10 +67,18 @@ public:
     bool sample(const Point3& wo, float uLobe, float u1, float u2, Point3& wi, float& pdfOut) const;
 
 private:
-    float ggxD(float cosH) const;
-    float smithG1(float cosV) const;
-    Point3 kd_, f0_;
-    float alpha_, pSpec_;
+    // Directional albedos seen from cosine cosV: of the single-scattering
+    // lobe with F = 1, of the dielectric coat, and of the specular lobe
+    // (single scattering, F0 the luminance of f0_).
+    struct Albedos {
+        float single = 0, coat = 0, specular = 0;
+    };
+    Albedos albedos(float cosV) const;
+    // Probability of drawing wi from the specular lobe, given wo's albedos.
+    float specularChance(const Albedos& o) const;
+    Point3 kd_, f0_, fms_;  // fms_: Fresnel of the multiple-scattering lobe
+    float alpha_, dielectricF0_, coatFms_;
+    float diffuseNorm_, msNorm_;  // 1 / (pi (1 - Eavg)), of the coat and of F = 1
 };
 
 // A light of the scene's "lights" array. A dome is constant,
@@ -132,14 +151,16 @@ struct Camera {
 // them without loading images. They throw InputError naming the JSON path and
 // the value (and for images the file and the reason): colours, emission and
 // intensities must be finite and >= 0, and every number must fit a float.
-// `warn` gets values that are accepted but ignored. Images are loaded through
-// `assets`.
+// `warn` gets keys that are unknown or ignored, named by their JSON path with
+// the nearest known key. Images are loaded through `assets`.
 Material parseMaterial(const nlohmann::json& j, const std::string& name, AssetCache& assets,
                        const std::function<void(const std::string&)>& warn);
 // Lights of the scene; a default sky dome and sun when there are none.
-std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets);
-// Camera from {position, target, up, fov (horizontal, degrees)}, or framed on
-// `bounds` when j is null.
-Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height);
+std::vector<Light> parseLights(const nlohmann::json& lights, AssetCache& assets,
+                               const std::function<void(const std::string&)>& warn = {});
+// Camera from {position, target, up, fov (horizontal, degrees)}, or, when j
+// is null, a three-quarter view from above that fits `bounds` to the frame.
+Camera makeCamera(const nlohmann::json& j, const Box3& bounds, int width, int height,
+                  const std::function<void(const std::string&)>& warn = {});
 
 }  // namespace mq::tracer

@@ -171,6 +171,61 @@ TEST(TracerRender, SettingsAndSceneErrorsNameThePlaceAndTheValue) {
     }
 }
 
+TEST(TracerRender, UnknownKeysWarnWithTheNearestKnownOne) {
+    Scene scene;
+    addNode(scene.root(), "Ball", new TriObject(makeSphereMesh(1.0f, 8)))->setMaterial("gold");
+    scene.render = {{"exposur", 1}, {"tonemap", "linear"}, {"clamp", 0}};
+    scene.camera = {{"fov", 30}, {"positon", {0, -5, 0}}};
+    scene.lights = nlohmann::json::array({{{"type", "sun"}, {"intensty", 2}, {"radius", 1}}});
+    scene.materials = {{"gold", {{"roughnes", 0.3}, {"metallic", 1}}}};
+    const std::vector<std::string> expected = {
+        "/render/exposur: unknown key (did you mean \"exposure\"?)",
+        "/materials/gold/roughnes: unknown key (did you mean \"roughness\"?)",
+        "/lights/0/intensty: unknown key (did you mean \"intensity\"?)",
+        "/lights/0/radius: ignored; a \"sun\" light has no \"radius\" (a \"sphere\" light has)",
+        "/camera/positon: unknown key (did you mean \"position\"?)"};
+    std::vector<std::string> warned;
+    checkRenderData(scene, [&](const std::string& w) { warned.push_back(w); });
+    EXPECT_EQ(warned, expected);
+
+    // The render warns of the same, but for the settings it is handed.
+    warned.clear();
+    Renderer r(scene, tiny(4, 1, 1));
+    r.setWarningSink([&](const std::string& w) { warned.push_back(w); });
+    r.renderFrame(0);
+    EXPECT_EQ(warned, std::vector<std::string>(expected.begin() + 1, expected.end()));
+
+    const std::string curve = messageOf<RenderError>([] {
+        RenderSettings::fromJson({{"tonemap", "filmc"}});
+    });
+    EXPECT_EQ(curve,
+              "/render/tonemap: expected \"filmic\" or \"linear\", found \"filmc\" (did "
+              "you mean \"filmic\"?)");
+}
+
+// Without a camera, the object fills the frame wherever it stands.
+TEST(TracerRender, DefaultCameraFitsTheObjectToTheFrame) {
+    Scene scene;
+    addNode(scene.root(), "Slab", new TriObject(makePlaneMesh(6, 2, 1, 1)),
+            TransMatrix({40, -25, 7}));
+    RenderSettings s = tiny(64, 1, 1);
+    s.height = 48;
+    const Image img = renderImage(scene, s);
+    int x0 = s.width, x1 = -1, y0 = s.height, y1 = -1;
+    for (int y = 0; y < s.height; ++y) {
+        for (int x = 0; x < s.width; ++x) {
+            if (img.pixel(x, y)[3] == 0.0f) continue;
+            x0 = std::min(x0, x), x1 = std::max(x1, x), y0 = std::min(y0, y), y1 = std::max(y1, y);
+        }
+    }
+    EXPECT_GT(x0, 0);
+    EXPECT_GT(y0, 0);
+    EXPECT_LT(x1, s.width - 1);
+    EXPECT_LT(y1, s.height - 1);
+    EXPECT_TRUE(x1 - x0 > 0.75 * s.width || y1 - y0 > 0.75 * s.height)
+        << x0 << ".." << x1 << " x " << y0 << ".." << y1;
+}
+
 bool startsWith(const std::string& data, const std::string& magic) {
     return data.compare(0, magic.size(), magic) == 0;
 }
