@@ -114,6 +114,7 @@ int main(int argc, char** argv) {
                      "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
+    const auto runSetupCommand = addSetupCommands(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -148,6 +149,7 @@ int main(int argc, char** argv) {
         if (crop->parsed()) runCrop(ip, cropOpt);
         if (preview->parsed()) runPreview(ip, previewOpt);
         if (bake->parsed()) runBake(ip, bakeOpt);
+        runSetupCommand(ip);
         if (render->parsed()) return runRender(ip, renderOpt);
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
