@@ -350,6 +350,7 @@ ImportedMaterial readMaterial(const aiScene& scene, const aiMaterial& mat) {
     ImportedMaterial out;
     aiString name;
     if (mat.Get(AI_MATKEY_NAME, name) == AI_SUCCESS) out.name = name.C_Str();
+    out.madeUp = out.name == AI_DEFAULT_MATERIAL_NAME;
     out.baseColor = materialColour(mat, AI_MATKEY_BASE_COLOR,
                                    materialColour(mat, AI_MATKEY_COLOR_DIFFUSE, out.baseColor));
 
@@ -403,12 +404,16 @@ nlohmann::json gltfJson(const fs::path& file) {
     return nlohmann::json::parse(text, nullptr, false);
 }
 
-// KHR_materials_emissive_strength scales the emissive factor; Assimp's glTF
-// materials come in the file's order, so index i is the file's material i.
-void applyGltfEmissiveStrength(const fs::path& file, std::vector<ImportedMaterial>& materials) {
+// KHR_materials_emissive_strength scales the emissive factor. Assimp's glTF
+// materials come in the file's order, so index i is the file's material i,
+// and those past the file's own are Assimp's default.
+void applyGltfMaterials(const fs::path& file, std::vector<ImportedMaterial>& materials) {
     const nlohmann::json doc = gltfJson(file);
-    if (!doc.is_object() || !doc.contains("materials") || !doc["materials"].is_array()) return;
-    const nlohmann::json& list = doc["materials"];
+    if (!doc.is_object()) return;
+    const nlohmann::json list = doc.contains("materials") && doc["materials"].is_array()
+                                    ? doc["materials"]
+                                    : nlohmann::json::array();
+    for (size_t i = list.size(); i < materials.size(); ++i) materials[i].madeUp = true;
     for (size_t i = 0; i < list.size() && i < materials.size(); ++i) {
         const nlohmann::json* s = &list[i];
         for (const char* key :
@@ -671,7 +676,7 @@ ImportedScene importMeshFile(const fs::path& file, bool withEmbeddedTextures) {
         std::string ext = file.extension().string();
         std::transform(ext.begin(), ext.end(), ext.begin(),
                        [](unsigned char c) { return std::tolower(c); });
-        if (ext == ".gltf" || ext == ".glb") applyGltfEmissiveStrength(file, out.materials);
+        if (ext == ".gltf" || ext == ".glb") applyGltfMaterials(file, out.materials);
         for (unsigned i = 0; withEmbeddedTextures && scene->mTextures && i < scene->mNumTextures;
              ++i) {
             const aiTexture* t = scene->mTextures[i];

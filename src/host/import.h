@@ -50,6 +50,9 @@ struct ImportedMaterial {
     float roughness = 0.5f;  // 0..1; from glossiness or shininess where the file has no roughness
     float metallic = 0.0f;   // 0..1
     Point3 emission;         // emissive colour times its strength
+    // Made up by the importer for faces the file gives no material: such
+    // faces are left to the scene's default material.
+    bool madeUp = false;
 };
 
 struct ImportedScene {

@@ -92,6 +92,7 @@ public:
         for (int id : used) {
             if (id < 0 || size_t(id) >= imported_.materials.size()) continue;
             const ImportedMaterial& m = imported_.materials[size_t(id)];
+            if (m.madeUp) continue;
             const std::string name =
                 numberedName(m.name.empty() ? meshFile_.stem().string() : m.name,
                              [&](const std::string& n) { return out.materials.contains(n); });

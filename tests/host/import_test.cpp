@@ -258,6 +258,12 @@ TEST(ImportMaterials, GltfMaterialsTexturesAndMergedNames) {
                                                             {"Lamp002", "Glow"},
                                                             {"Wall003", "Checker001"},
                                                             {"Lamp003", "Glow001"}}));
+    // A file without materials adds none: Assimp's stand-in is left out.
+    const nlohmann::json before = ip.scene().materials;
+    ASSERT_EQ(
+        ip.ImportFromFile(dir.write("bare.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n").string()),
+        1);
+    EXPECT_EQ(ip.scene().materials, before);
     EXPECT_EQ(test::readText(textures / "quad_0.png"), test::readText(fixtures / "checker.png"));
     EXPECT_EQ(std::distance(fs::directory_iterator(textures), fs::directory_iterator()), 1);
 }
