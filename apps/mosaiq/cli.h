@@ -6,9 +6,14 @@
 #include "host/pattern_tools.h"
 
 #include <filesystem>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace mosaiq::cli {
 
@@ -168,5 +173,39 @@ void runPreview(mq::HostInterface& ip, const PreviewOptions& opt);
 void runBake(mq::HostInterface& ip, const BakeOptions& opt);
 // Returns the exit code: kExitOk, or kExitInterrupted after a Ctrl-C.
 int runRender(mq::HostInterface& ip, const RenderOptions& opt);
+
+// mosaiq material, light, camera and assign (setup.cpp). KEY=VALUE lists
+// are checked key by key; an empty VALUE takes the key out again.
+struct MaterialOptions {
+    std::filesystem::path scene;
+    std::string name;
+    std::vector<std::string> assignments;
+    bool remove = false;
+    std::filesystem::path output;  // empty: write back to scene
+};
+struct LightOptions {
+    std::filesystem::path scene;
+    std::string action;  // add, set, remove or list
+    std::vector<std::string>
+        args;  // add: TYPE KEY=VALUE...; set: INDEX KEY=VALUE...; remove: INDEX
+    std::filesystem::path output;
+};
+struct CameraOptions {
+    std::filesystem::path scene;
+    std::vector<std::string> assignments;
+    bool automatic = false;  // drop the camera: render frames the scene
+    std::filesystem::path output;
+};
+struct AssignOptions {
+    std::filesystem::path scene;
+    std::string node, material;
+    std::filesystem::path output;
+};
+void runMaterial(mq::HostInterface& ip, const MaterialOptions& opt);
+void runLight(mq::HostInterface& ip, const LightOptions& opt);
+void runCamera(mq::HostInterface& ip, const CameraOptions& opt);
+void runAssign(mq::HostInterface& ip, const AssignOptions& opt);
+// Adds those commands to app; the function returned runs the one parsed.
+std::function<void(mq::HostInterface&)> addSetupCommands(CLI::App& app);
 
 }  // namespace mosaiq::cli

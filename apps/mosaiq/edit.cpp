@@ -326,18 +326,22 @@ void runImport(mq::HostInterface& ip, const ImportOptions& opt) {
         loadSceneOrFail(ip, opt.scene);
     } else {
         std::cout << opt.scene.string() << " does not exist yet; starting an empty scene\n";
+        // Textures are named relative to, and embedded ones written beside, the scene to be.
+        ip.scene().folder = std::filesystem::absolute(opt.scene).parent_path();
     }
+    // Images stored inside mesh files are written out beside the scene.
+    const std::filesystem::path textures = std::filesystem::absolute(opt.scene).parent_path() /
+                                           (opt.scene.stem().string() + "-textures");
     Node* root = ip.GetRootNode();
     for (const std::string& file : opt.files) {
         const int before = root->NumberOfChildren();
-        if (!ip.MergeFromFile(file, true, false, false, mq::MERGE_DUPS_RENAME, nullptr,
-                              mq::MERGE_DUP_MTL_RENAME, mq::MERGE_REPARENT_ALWAYS)) {
+        if (!ip.ImportFromFile(file, textures)) {
             const std::string& why = ip.lastError();
             throw CliError(kExitInput, why.find(file) != std::string::npos
                                            ? "cannot merge: " + why
                                            : "cannot merge " + file + ": " + why);
         }
-        // Merged scenes bring their materials along.
+        // Merged scenes and mesh files bring their materials along.
         checkRenderDataOrFail(ip.scene(), "cannot merge " + file);
         std::string names;
         for (int i = before; i < root->NumberOfChildren(); ++i) {

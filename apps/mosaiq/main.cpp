@@ -130,6 +130,7 @@ int main(int argc, char** argv) {
                      "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
+    const auto runSetupCommand = addSetupCommands(app);
     // The first word that is no option names the command; CLI11 would only
     // call a misspelt one an unexpected argument.
     for (int i = 1; i < argc; ++i) {
@@ -185,6 +186,7 @@ int main(int argc, char** argv) {
         if (crop->parsed()) runCrop(ip, cropOpt);
         if (preview->parsed()) runPreview(ip, previewOpt);
         if (bake->parsed()) runBake(ip, bakeOpt);
+        runSetupCommand(ip);
         if (render->parsed()) {
             const int code = runRender(ip, renderOpt);
             if (code != kExitOk) return code;

@@ -5,6 +5,7 @@
 #include "host/import.h"
 
 #include <assimp/config.h>
+#include <assimp/material.h>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
 #include <assimp/Importer.hpp>
@@ -24,6 +25,8 @@
 #include <sstream>
 #include <unordered_map>
 #include <unordered_set>
+
+#include <nlohmann/json.hpp>
 
 namespace mq {
 namespace {
@@ -320,6 +323,137 @@ std::unique_ptr<Mesh> buildNodeMesh(const std::vector<const aiMesh*>& parts, con
     return mesh;
 }
 
+// A colour from the file, or fallback when it has none or a broken one;
+// negative components become 0.
+Point3 materialColour(const aiMaterial& mat, const char* key, unsigned type, unsigned index,
+                      const Point3& fallback) {
+    aiColor4D c;
+    if (mat.Get(key, type, index, c) != AI_SUCCESS) return fallback;
+    const Point3 p(c.r, c.g, c.b);
+    if (!isFinite(p)) return fallback;
+    return {std::max(p.x, 0.0f), std::max(p.y, 0.0f), std::max(p.z, 0.0f)};
+}
+
+bool materialFloat(const aiMaterial& mat, const char* key, unsigned type, unsigned index,
+                   float& out) {
+    float f = 0.0f;
+    if (mat.Get(key, type, index, f) != AI_SUCCESS || !std::isfinite(f)) return false;
+    out = f;
+    return true;
+}
+
+// What the renderer can use of one material: PBR files give base colour,
+// roughness and metallic; others give a diffuse colour, and their shininess
+// (a Phong exponent n) turns into the GGX roughness of about the same
+// highlight, alpha = sqrt(2 / (n + 2)) with alpha = roughness^2.
+ImportedMaterial readMaterial(const aiScene& scene, const aiMaterial& mat) {
+    ImportedMaterial out;
+    aiString name;
+    if (mat.Get(AI_MATKEY_NAME, name) == AI_SUCCESS) out.name = name.C_Str();
+    out.madeUp = out.name == AI_DEFAULT_MATERIAL_NAME;
+    out.baseColor = materialColour(mat, AI_MATKEY_BASE_COLOR,
+                                   materialColour(mat, AI_MATKEY_COLOR_DIFFUSE, out.baseColor));
+
+    float f = 0.0f;
+    if (materialFloat(mat, AI_MATKEY_GLOSSINESS_FACTOR, f)) {
+        out.roughness = 1.0f - f;
+    } else if (materialFloat(mat, AI_MATKEY_ROUGHNESS_FACTOR, f)) {
+        out.roughness = f;
+    } else if (materialFloat(mat, AI_MATKEY_SHININESS, f)) {
+        out.roughness = std::pow(2.0f / (std::max(f, 0.0f) + 2.0f), 0.25f);
+    }
+    out.roughness = std::clamp(out.roughness, 0.0f, 1.0f);
+    if (materialFloat(mat, AI_MATKEY_METALLIC_FACTOR, f)) out.metallic = std::clamp(f, 0.0f, 1.0f);
+    float strength = 1.0f;
+    materialFloat(mat, AI_MATKEY_EMISSIVE_INTENSITY, strength);
+    out.emission =
+        materialColour(mat, AI_MATKEY_COLOR_EMISSIVE, Point3()) * std::max(strength, 0.0f);
+    if (!isFinite(out.emission)) out.emission = Point3();
+
+    // The PBR base colour image, else the diffuse one.
+    for (const aiTextureType type : {aiTextureType_BASE_COLOR, aiTextureType_DIFFUSE}) {
+        aiString path;
+        unsigned uvSet = 0;
+        if (mat.GetTextureCount(type) == 0 ||
+            mat.GetTexture(type, 0, &path, nullptr, &uvSet) != AI_SUCCESS || path.length == 0) {
+            continue;
+        }
+        ImportedTexture tex;
+        // Assimp's UV set k is map channel k + 1 (see buildNodeMesh).
+        tex.mapChannel = static_cast<int>(std::min(uvSet, 98u)) + 1;
+        tex.embedded = scene.GetEmbeddedTextureAndIndex(path.C_Str()).second;
+        if (tex.embedded < 0) tex.file = path.C_Str();
+        out.baseColorTexture = tex;
+        break;
+    }
+    return out;
+}
+
+// The glTF file's own JSON: the Assimp in use (5.2) drops material
+// extensions it does not know. Null when the file has none that parses.
+nlohmann::json gltfJson(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // A .glb starts with a 12-byte header and then the JSON chunk: length, "JSON", text.
+    if (text.size() >= 20 && text.compare(0, 4, "glTF") == 0) {
+        uint32_t length = 0;
+        std::memcpy(&length, text.data() + 12, 4);
+        if (text.compare(16, 4, "JSON") != 0 || length > text.size() - 20) return nullptr;
+        text = text.substr(20, length);
+    }
+    return nlohmann::json::parse(text, nullptr, false);
+}
+
+// KHR_materials_emissive_strength scales the emissive factor. Assimp's glTF
+// materials come in the file's order, so index i is the file's material i,
+// and those past the file's own are Assimp's default.
+void applyGltfMaterials(const fs::path& file, std::vector<ImportedMaterial>& materials) {
+    const nlohmann::json doc = gltfJson(file);
+    if (!doc.is_object()) return;
+    const nlohmann::json list = doc.contains("materials") && doc["materials"].is_array()
+                                    ? doc["materials"]
+                                    : nlohmann::json::array();
+    for (size_t i = list.size(); i < materials.size(); ++i) materials[i].madeUp = true;
+    for (size_t i = 0; i < list.size() && i < materials.size(); ++i) {
+        const nlohmann::json* s = &list[i];
+        for (const char* key :
+             {"extensions", "KHR_materials_emissive_strength", "emissiveStrength"}) {
+            s = s->is_object() && s->contains(key) ? &(*s)[key] : nullptr;
+            if (!s) break;
+        }
+        if (!s || !s->is_number()) continue;
+        const Point3 e = materials[i].emission * std::max(s->get<float>(), 0.0f);
+        if (isFinite(e)) materials[i].emission = e;
+    }
+}
+
+// A copy of an image stored in the file.
+EmbeddedTexture copyEmbedded(const aiTexture& t) {
+    EmbeddedTexture out;
+    if (!t.pcData) return out;
+    if (t.mHeight == 0) {
+        // Compressed: mWidth is the byte count and the hint the format's extension.
+        for (const char* c = t.achFormatHint; c < t.achFormatHint + HINTMAXTEXTURELEN && *c; ++c) {
+            if (std::isalnum(static_cast<unsigned char>(*c)))
+                out.format += static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+        }
+        if (out.format.empty()) out.format = "bin";
+        out.data.assign(reinterpret_cast<const char*>(t.pcData), t.mWidth);
+        return out;
+    }
+    out.width = static_cast<int>(t.mWidth);
+    out.height = static_cast<int>(t.mHeight);
+    out.data.resize(size_t(t.mWidth) * t.mHeight * 4);
+    for (size_t i = 0; i < size_t(t.mWidth) * t.mHeight; ++i) {
+        const aiTexel& x = t.pcData[i];
+        out.data[4 * i + 0] = static_cast<char>(x.r);
+        out.data[4 * i + 1] = static_cast<char>(x.g);
+        out.data[4 * i + 2] = static_cast<char>(x.b);
+        out.data[4 * i + 3] = static_cast<char>(x.a);
+    }
+    return out;
+}
+
 // Assimp's OFF reader allocates whatever its header declares before reading
 // any data, so a corrupt count could take all memory. Counts that the file's
 // size cannot hold are refused up front.
@@ -489,7 +623,7 @@ void walkNodes(const aiScene& scene, size_t& dropped, ImportedScene& out) {
 
 }  // namespace
 
-ImportedScene importMeshFile(const fs::path& file) {
+ImportedScene importMeshFile(const fs::path& file, bool withEmbeddedTextures) {
     checkReadable(file);
 
     Assimp::Importer importer;
@@ -536,10 +670,17 @@ ImportedScene importMeshFile(const fs::path& file) {
     ImportedScene out;
     try {
         for (unsigned i = 0; scene->mMaterials && i < scene->mNumMaterials; ++i) {
-            aiString name;
             const aiMaterial* mat = scene->mMaterials[i];
-            out.materialNames.emplace_back(
-                mat && mat->Get(AI_MATKEY_NAME, name) == AI_SUCCESS ? name.C_Str() : "");
+            out.materials.push_back(mat ? readMaterial(*scene, *mat) : ImportedMaterial{});
+        }
+        std::string ext = file.extension().string();
+        std::transform(ext.begin(), ext.end(), ext.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        if (ext == ".gltf" || ext == ".glb") applyGltfMaterials(file, out.materials);
+        for (unsigned i = 0; withEmbeddedTextures && scene->mTextures && i < scene->mNumTextures;
+             ++i) {
+            const aiTexture* t = scene->mTextures[i];
+            out.embeddedTextures.push_back(t ? copyEmbedded(*t) : EmbeddedTexture{});
         }
         walkNodes(*scene, dropped, out);
     } catch (const std::bad_alloc&) {

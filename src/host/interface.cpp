@@ -2,9 +2,11 @@
 
 #include "host/hold.h"
 #include "host/import.h"
+#include "host/material_import.h"
 #include "host/scenefile.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -16,6 +18,43 @@ namespace mq {
 
 namespace {
 HostInterface* gCurrent = nullptr;
+
+// The node takes the material of most of its faces: the renderer gives a
+// node one material.
+void assignMaterial(Node& node, const Mesh& mesh, const MaterialImport& materials,
+                    const fs::path& file, HostInterface& ip) {
+    const std::map<int, size_t> counts = facesByMaterial(mesh);
+    auto nameOf = [&](int id) {
+        return size_t(id) < materials.nameById.size() ? materials.nameById[size_t(id)]
+                                                      : std::string();
+    };
+    const auto most =
+        std::max_element(counts.begin(), counts.end(),
+                         [](const auto& a, const auto& b) { return a.second < b.second; });
+    if (most == counts.end() || nameOf(most->first).empty()) return;
+    node.setMaterial(nameOf(most->first));
+    if (counts.size() < 2) return;
+    std::string list;
+    for (const auto& [id, faces] : counts)
+        list += (list.empty() ? "" : ", ") + ("\"" + nameOf(id) + "\" on " + std::to_string(faces));
+    ip.warning(file.string() + ": node \"" + node.GetName() + "\" has faces of " +
+               std::to_string(counts.size()) + " materials (" + list + "); it renders with \"" +
+               node.material() + "\", the one on most faces");
+}
+
+// The name of a material of materials equal to mat and named name or name
+// with a number appended; "" when there is none.
+std::string sameMaterial(const nlohmann::json& materials, const std::string& name,
+                         const nlohmann::json& mat) {
+    for (const auto& [other, value] : materials.items()) {
+        const bool numbered = other.size() > name.size() &&
+                              other.compare(0, name.size(), name) == 0 &&
+                              std::all_of(other.begin() + name.size(), other.end(),
+                                          [](unsigned char c) { return std::isdigit(c); });
+        if ((other == name || numbered) && value == mat) return other;
+    }
+    return {};
+}
 
 }  // namespace
 
@@ -60,6 +99,16 @@ void HostInterface::warning(const std::string& text) {
 int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool selMerged,
                                  bool refresh, int dupAction, std::vector<std::string>* mrgList,
                                  int dupMtlAction, int reparentAction) {
+    return merge(name, mergeAll, dupAction, mrgList, dupMtlAction, false);
+}
+
+int HostInterface::ImportFromFile(const std::string& name, const fs::path& textureFolder) {
+    return merge(name, true, MERGE_DUPS_RENAME, nullptr, MERGE_DUP_MTL_RENAME, true, textureFolder);
+}
+
+int HostInterface::merge(const std::string& name, bool mergeAll, int dupAction,
+                         std::vector<std::string>* mrgList, int dupMtlAction, bool meshMaterials,
+                         const fs::path& textureFolder) {
     lastError_.clear();
     if (!mergeAll && !mrgList) {
         setLastError(name + ": nothing to merge (no names given)");
@@ -77,13 +126,20 @@ int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool se
         if (isSceneFile(file)) {
             incoming = readSceneFile(file, iload, [this](const std::string& w) { warning(w); });
         } else {
-            ImportedScene imported = importMeshFile(file);
+            ImportedScene imported = importMeshFile(file, meshMaterials);
+            MaterialImport materials;
+            if (meshMaterials) {
+                materials = importMaterials(imported, file, scene_->folder, textureFolder,
+                                            [this](const std::string& w) { warning(w); });
+                incoming->materials = std::move(materials.materials);
+            }
             std::vector<Node*> made(imported.nodes.size(), nullptr);
             for (size_t i = 0; i < imported.nodes.size(); ++i) {
                 ImportedNode& in = imported.nodes[i];
                 auto node = std::make_unique<Node>(in.name);
                 node->setLocalTM(in.transform);
                 if (in.mesh) {
+                    if (meshMaterials) assignMaterial(*node, *in.mesh, materials, file, *this);
                     auto* tri = new TriObject(std::move(*in.mesh));
                     tri->source = MeshSource{file, static_cast<int>(i)};
                     node->SetObjectRef(tri);
@@ -93,13 +149,22 @@ int HostInterface::MergeFromFile(const std::string& name, bool mergeAll, bool se
             }
         }
 
-        // Materials with names the scene has already get new names.
+        // A material the scene holds already, under its name or a numbered
+        // one from an earlier import, is shared when it is the same; else the
+        // newcomer is numbered apart (or replaces it, when asked).
         std::map<std::string, std::string> renamedMaterials;
         for (auto& [mname, mat] : incoming->materials.items()) {
             std::string target = mname;
+            if (dupMtlAction == MERGE_DUP_MTL_RENAME) {
+                if (const std::string same = sameMaterial(scene_->materials, mname, mat);
+                    !same.empty()) {
+                    if (same != mname) renamedMaterials[mname] = same;
+                    continue;
+                }
+            }
             if (scene_->materials.contains(target) && dupMtlAction == MERGE_DUP_MTL_RENAME) {
-                for (int k = 1; scene_->materials.contains(target); ++k)
-                    target = mname + "." + std::to_string(k);
+                target = numberedName(
+                    mname, [this](const std::string& n) { return scene_->materials.contains(n); });
                 renamedMaterials[mname] = target;
             }
             scene_->materials[target] = mat;

@@ -95,6 +95,16 @@ public:
                               std::vector<std::string>* mrgList = nullptr,
                               int dupMtlAction = MERGE_DUPS_PROMPT,
                               int reparentAction = MERGE_REPARENT_PROMPT);
+    // Import a mesh file, or merge a scene file, with everything it holds: as
+    // MergeFromFile with mergeAll, duplicate node and material names numbered
+    // apart, and a mesh file's materials too (see host/material_import.h),
+    // each node taking the material of most of its faces. Material and
+    // texture problems are warnings; textures are named relative to the
+    // scene's folder, and embedded ones are written into textureFolder (the
+    // scene's folder when empty). MergeFromFile leaves a mesh file's
+    // materials behind: a plug-in reading a file for its geometry wants
+    // nothing else in the scene. Returns 1, or 0 with lastError().
+    int ImportFromFile(const std::string& name, const std::filesystem::path& textureFolder = {});
     // Delete a node and its children's links: children move to the node's parent.
     virtual void DeleteNode(Node* node, bool redraw = true, bool overrideSlaves = false);
     // A host folder; APP_PLUGCFG_DIR is $XDG_CONFIG_HOME/mosaiq (or ~/.config/mosaiq).
@@ -148,6 +158,9 @@ protected:
     void setLastError(std::string e) { lastError_ = std::move(e); }
 
 private:
+    int merge(const std::string& name, bool mergeAll, int dupAction,
+              std::vector<std::string>* mrgList, int dupMtlAction, bool meshMaterials,
+              const std::filesystem::path& textureFolder = {});
     std::unique_ptr<Scene> scene_;
     std::string lastError_;
     std::unique_ptr<ui::HostUI> ui_;

@@ -102,8 +102,9 @@ std::vector<Node*> Scene::allNodes() const {
     return out;
 }
 
-std::string Scene::uniqueName(const std::string& name) const {
-    if (!name.empty() && !findNode(name)) return name;
+std::string numberedName(const std::string& name,
+                         const std::function<bool(const std::string&)>& taken) {
+    if (!name.empty() && !taken(name)) return name;
     // Strip a trailing number and count up from 1, three digits at least.
     std::string base = name.empty() ? "Object" : name;
     size_t end = base.size();
@@ -114,8 +115,12 @@ std::string Scene::uniqueName(const std::string& name) const {
         char digits[32];
         std::snprintf(digits, sizeof digits, "%0*d", static_cast<int>(width), i);
         std::string candidate = base + digits;
-        if (!findNode(candidate)) return candidate;
+        if (!taken(candidate)) return candidate;
     }
+}
+
+std::string Scene::uniqueName(const std::string& name) const {
+    return numberedName(name, [this](const std::string& n) { return findNode(n) != nullptr; });
 }
 
 }  // namespace mq

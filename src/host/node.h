@@ -5,6 +5,7 @@
 #include "host/object.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -85,6 +86,12 @@ private:
     Node* parent_ = nullptr;
     std::vector<std::unique_ptr<Node>> children_;
 };
+
+// name itself when it is not taken, else name with the lowest free number
+// appended ("Box001"); a name ending in digits keeps its width. Nodes and
+// materials are named apart this way.
+std::string numberedName(const std::string& name,
+                         const std::function<bool(const std::string&)>& taken);
 
 // A scene: a node tree under an unnamed root, materials, and the sections
 // the renderer reads (camera, lights, render settings), kept as JSON.

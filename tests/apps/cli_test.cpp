@@ -308,6 +308,21 @@ TEST_F(CliFailures, UsageErrorsExitWithTwo) {
             {render("e.png", {"-D", "sp=4"}), {"\"sp\" (did you mean \"spp\"?)"}},
             {render("e.png", {"-D", "Mosaiq001.Tilling=2,2"}), {"(did you mean \"Tiling\"?)"}},
             {render("e.png", {"-D", "Mosaiq001.Tiling=a,b"}), {"Tiling"}},
+            {{"material", scene, "M", "rougness=1"},
+             {"\"rougness\"", "did you mean \"roughness\""}},
+            {{"material", scene, "M", "roughness=1.5"}, {"roughness=1.5", "from 0 to 1"}},
+            {{"material", scene, "M", "emission=1,-1,0"}, {"emission=1,-1,0", "0 or more"}},
+            {{"material", scene, "M", "baseColor=1,2"}, {"baseColor=1,2", "r,g,b"}},
+            {{"material", scene, "M", "channel=2"}, {"baseColor is not an image"}},
+            {{"light", scene, "add", "spot"}, {"\"spot\"", "sun, dome, sphere, point"}},
+            {{"light", scene, "add", "sun", "direction=0,0"}, {"direction=0,0", "x,y,z"}},
+            {{"light", scene, "add", "point", "radius=1"}, {"\"radius\"", "position"}},
+            {{"light", scene, "add", "dome", "sampling=fast"}, {"sampling=fast", "importance"}},
+            {{"light", scene, "set", "x", "intensity=1"}, {"\"x\"", "light index"}},
+            {{"light", scene, "shine"}, {"shine"}},
+            {{"camera", scene, "fov=200"}, {"fov=200", "0.1 to 179"}},
+            {{"camera", scene, "target=0,-10,0"}, {"give no view"}},
+            {{"camera", scene, "fvo=20"}, {"did you mean \"fov\""}},
         });
 }
 
@@ -358,6 +373,13 @@ TEST_F(CliFailures, InputErrorsExitWithThree) {
             // Warnings the render itself gives fail it before any frame is written.
             {render("seq.png", {"--strict", "--frames", "1-2", "-D", "Mosaiq001.Poli_ID=7,8"}),
              {"2 warnings above"}},
+            {{"material", scene, "M", "baseColor=nosuch.png"}, {"baseColor=nosuch.png"}},
+            {{"material", scene, "M", "baseColor=garbage.obj"}, {"garbage.obj"}},
+            {{"material", scene, "M", "--remove"}, {"no material \"M\""}},
+            {{"light", scene, "add", "dome", "image=nosuch.hdr"}, {"image=nosuch.hdr"}},
+            {{"light", scene, "remove", "0"}, {"no light 0"}},
+            {{"assign", simple, "Surfcae", "M"}, {"\"Surfcae\"", "did you mean \"Surface\""}},
+            {{"assign", simple, "Surface", "M"}, {"no material named \"M\""}},
         });
 }
 

@@ -1,5 +1,7 @@
 #include "host/import.h"
 
+#include "host/interface.h"
+
 #include "support/test_util.h"
 
 #include <map>
@@ -114,8 +116,8 @@ TEST_F(ImportFiles, ObjectsBecomeNodesAndMaterialsBecomeIds) {
         {"red", {0, -1, 0}}, {"green", {0.6f, -0.8f, 0}}, {"blue", {0, -1, 0}}};
     std::set<std::string> names;
     for (int f = 0; f < 3; ++f) {
-        ASSERT_LT(mesh.faces[f].getMatID(), scene.materialNames.size());
-        const std::string& name = scene.materialNames[mesh.faces[f].getMatID()];
+        ASSERT_LT(mesh.faces[f].getMatID(), scene.materials.size());
+        const std::string& name = scene.materials[mesh.faces[f].getMatID()].name;
         ASSERT_TRUE(normalOf.contains(name)) << name;
         names.insert(name);
         // Each part's UVs and normals stay with its own corners.
@@ -177,7 +179,7 @@ TEST(ImportGltf, SecondUvSetHierarchyAndRootTransform) {
     ASSERT_TRUE(one.nodes.size() == 1u && one.nodes[0].mesh);
     expectNear(Point3(0, 0, 1) * one.nodes[0].transform, Point3(0, 1, 0));
     expectNear(Point3(0, 1, 0) * one.nodes[0].transform, Point3(0, 0, -1));
-    EXPECT_EQ(one.materialNames[one.nodes[0].mesh->faces[0].getMatID()], "Texture");
+    EXPECT_EQ(one.materials[one.nodes[0].mesh->faces[0].getMatID()].name, "Texture");
 
     // A child's Y-up offset reads as a Z-up one.
     const ImportedScene chain = importMeshFile(skin);
@@ -216,6 +218,54 @@ TEST(ImportInvalid, NeverCrashes) {
             EXPECT_NE(std::string(e.what()).find(p.string()), std::string::npos) << e.what();
         }
     }
+}
+
+// Materials come along with the meshes, embedded images are written out once,
+// and names stay unique when the same file is imported again.
+TEST(ImportMaterials, GltfMaterialsTexturesAndMergedNames) {
+    const fs::path fixtures = fs::path(MOSAIQ_SOURCE_DIR) / "tests/fixtures/textured";
+    test::TempDir dir;
+    fs::create_directories(dir / "models");
+    for (const char* f : {"quad.gltf", "checker.png"})
+        fs::copy_file(fixtures / f, dir / "models" / f);
+    HostInterface ip;
+    ip.scene().folder = dir.path();
+    const fs::path textures = dir / "s-textures";
+    ASSERT_EQ(ip.ImportFromFile((fixtures / "quad.glb").string(), textures), 1) << ip.lastError();
+    ASSERT_EQ(ip.ImportFromFile((fixtures / "quad.glb").string(), textures), 1) << ip.lastError();
+    ASSERT_EQ(ip.ImportFromFile((dir / "models/quad.gltf").string(), textures), 1);
+    ip.scene().materials["Glow"]["roughness"] = 0.1;
+    ASSERT_EQ(ip.ImportFromFile((dir / "models/quad.gltf").string(), textures), 1);
+
+    // Identical materials are shared; the changed Glow and the external
+    // texture's Checker are numbered apart.
+    EXPECT_EQ(ip.scene().materials, nlohmann::json::parse(R"({
+        "Checker": {"baseColor": {"texture": "s-textures/quad_0.png", "channel": 1},
+                    "roughness": 0.3, "metallic": 0.0},
+        "Checker001": {"baseColor": {"texture": "models/checker.png", "channel": 1},
+                       "roughness": 0.3, "metallic": 0.0},
+        "Glow": {"baseColor": [0.2, 0.3, 0.4], "roughness": 0.1, "metallic": 1.0,
+                 "emission": [4.0, 2.0, 1.0]},
+        "Glow001": {"baseColor": [0.2, 0.3, 0.4], "roughness": 0.8, "metallic": 1.0,
+                    "emission": [4.0, 2.0, 1.0]}})"));
+    std::map<std::string, std::string> assigned;
+    for (const Node* n : ip.scene().allNodes()) assigned[n->GetName()] = n->material();
+    EXPECT_EQ(assigned, (std::map<std::string, std::string>{{"Wall", "Checker"},
+                                                            {"Lamp", "Glow"},
+                                                            {"Wall001", "Checker"},
+                                                            {"Lamp001", "Glow"},
+                                                            {"Wall002", "Checker001"},
+                                                            {"Lamp002", "Glow"},
+                                                            {"Wall003", "Checker001"},
+                                                            {"Lamp003", "Glow001"}}));
+    // A file without materials adds none: Assimp's stand-in is left out.
+    const nlohmann::json before = ip.scene().materials;
+    ASSERT_EQ(
+        ip.ImportFromFile(dir.write("bare.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n").string()),
+        1);
+    EXPECT_EQ(ip.scene().materials, before);
+    EXPECT_EQ(test::readText(textures / "quad_0.png"), test::readText(fixtures / "checker.png"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(textures), fs::directory_iterator()), 1);
 }
 
 }  // namespace
