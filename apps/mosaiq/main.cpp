@@ -1,6 +1,7 @@
 // mosaiq: the command-line host. Parses the command, loads the plug-ins,
 // runs the command and turns every failure into a message and an exit code.
 #include "cli.h"
+#include "help.h"
 
 #include "host/check.h"
 #include "host/plugins.h"
@@ -114,6 +115,9 @@ int main(int argc, char** argv) {
                      "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
+    HelpOptions helpOpt;
+    CLI::App* help = addHelpCommand(app, helpOpt);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -148,6 +152,7 @@ int main(int argc, char** argv) {
         if (crop->parsed()) runCrop(ip, cropOpt);
         if (preview->parsed()) runPreview(ip, previewOpt);
         if (bake->parsed()) runBake(ip, bakeOpt);
+        if (help->parsed()) runHelp(helpOpt);
         if (render->parsed()) return runRender(ip, renderOpt);
     } catch (const CliError& e) {
         std::cerr << "mosaiq: error: " << e.what() << "\n";
