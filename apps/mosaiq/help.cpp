@@ -110,7 +110,10 @@ std::string labelText(const mq::ParamDef& def) {
 
 // "type: world", "default: 100", ... without the parts a parameter lacks.
 std::vector<std::string> facts(const mq::ParamDef& def, bool markdown) {
-    auto code = [&](const std::string& s) { return markdown ? "`" + s + "`" : s; };
+    // Numbers are values to type; "none", "empty", "identity" are words.
+    const bool numeric = def.type == mq::TYPE_INT || def.type == mq::TYPE_BOOL ||
+                         def.type == mq::TYPE_FLOAT || def.type == mq::TYPE_WORLD;
+    auto code = [&](const std::string& s) { return markdown && numeric ? "`" + s + "`" : s; };
     std::vector<std::string> out = {"type: " + typeText(def), "default: " + code(defaultText(def))};
     if (const std::string range = rangeText(def); !range.empty()) out.push_back("range: " + range);
     if (!def.unit.empty()) out.push_back("unit: " + def.unit);

@@ -72,7 +72,7 @@ const ParamDef kParamTable[] = {
                     "the pattern node's position, for a file pattern to the file's origin. It "
                     "has no control of its own: `mosaiq crop reset|fit` or `mosaiq set` (twelve "
                     "numbers, row by row) change it. Rotating the box about Z turns the pattern "
-                    "on the surface."},
+                    "on the surface; the box must still span one period for seams to close."},
     {.id = kHeight, .internalName = "Height", .type = TYPE_WORLD, .defaultValue = 100.0f,
      .rangeMin = 0.01f, .rangeMax = 100000.0f, .unit = "%",
      .description = "Thickness of the pattern layer above the surface, in percent of the crop "
@@ -120,9 +120,9 @@ const ParamDef kParamTable[] = {
                     "scenes."},
     {.id = kRandomSegmentCount, .internalName = "Random_Segment_Count", .type = TYPE_INT,
      .tableSize = 2, .defaultValue = 1, .rangeMin = 1, .rangeMax = 1000, .unit = "segments",
-     .description = "Splits the crop box into U × V equal segments; each tile place on the "
-                    "surface then shows one segment picked at random, which breaks up visible "
-                    "repetition. 1, 1 repeats the whole box. The pattern should be seamless at "
+     .description = "Splits the crop box into U × V equal segments and the surface into cells "
+                    "of one segment's size; each cell shows a segment picked at random, which "
+                    "breaks up visible repetition. 1, 1 repeats the whole box. The pattern should be seamless at "
                     "the segment borders (pavers split along their joints, for instance)."},
     {.id = kUvRandomSeed, .internalName = "UV_Random_Seed", .type = TYPE_INT, .defaultValue = 42,
      .rangeMin = 0, .rangeMax = 1000000,
