@@ -186,15 +186,21 @@ void printAll(std::ostream& os, const std::vector<Entry>& entries, bool markdown
 
 CLI::App* addHelpCommand(CLI::App& app, HelpOptions& opt) {
     CLI::App* help = app.add_subcommand("help", "Reference of the Mosaiq object");
-    help->require_subcommand(1);
+    help->require_subcommand(0, 1);
     CLI::App* params = help->add_subcommand(
         "params", "Every parameter: internal name, type, default, range, unit, what it does");
     params->add_option("NAME", opt.name, "Show this parameter only (internal name)");
     params->add_flag("--markdown", opt.markdown, "Print Markdown, as in docs/parameters.md");
+    params->callback([&opt] { opt.params = true; });
+    // Bare `mosaiq help` lists the topics.
+    help->callback([help, params] {
+        if (!params->parsed()) std::cout << help->help();
+    });
     return help;
 }
 
 void runHelp(const HelpOptions& opt) {
+    if (!opt.params) return;
     mq::ClassDesc* cd = mq::classDirectory().findByInternalName(kMosaiqClass);
     if (!cd || cd->NumParamBlockDescs() == 0) {
         throw CliError(kExitInput, "help needs the Mosaiq plug-in, and none was loaded from " +

@@ -10,7 +10,8 @@
 namespace mosaiq::cli {
 
 struct HelpOptions {
-    std::string name;  // `help params NAME`: that parameter only
+    bool params = false;  // `help params`; bare `help` has printed its topics
+    std::string name;     // `help params NAME`: that parameter only
     bool markdown = false;
 };
 
