@@ -1,6 +1,7 @@
 // mosaiq: the command-line host. Parses the command, loads the plug-ins,
 // runs the command and turns every failure into a message and an exit code.
 #include "cli.h"
+#include "help.h"
 
 #include "host/check.h"
 #include "host/plugins.h"
@@ -130,6 +131,8 @@ int main(int argc, char** argv) {
                      "exit code is 4, as for an output that cannot be written")
         ->check(CLI::Range(1LL, 4000000000LL));
 
+    HelpOptions helpOpt;
+    CLI::App* help = addHelpCommand(app, helpOpt);
     const auto runSetupCommand = addSetupCommands(app);
     // The first word that is no option names the command; CLI11 would only
     // call a misspelt one an unexpected argument.
@@ -186,6 +189,7 @@ int main(int argc, char** argv) {
         if (crop->parsed()) runCrop(ip, cropOpt);
         if (preview->parsed()) runPreview(ip, previewOpt);
         if (bake->parsed()) runBake(ip, bakeOpt);
+        if (help->parsed()) runHelp(helpOpt);
         runSetupCommand(ip);
         if (render->parsed()) {
             const int code = runRender(ip, renderOpt);

@@ -109,6 +109,11 @@ struct ParamDef {
     std::optional<double> rangeMin, rangeMax;
     PBAccessor* accessor = nullptr;
     std::optional<ParamUIBinding> ui;
+    // For users (`mosaiq help params`, the docs): the unit values are given
+    // in ("scene units", "%"; empty when unitless) and what the parameter
+    // does, in plain sentences.
+    std::string unit;
+    std::string description;
 
     bool isTable() const { return tableSize > 0; }
     int count() const { return isTable() ? tableSize : 1; }
