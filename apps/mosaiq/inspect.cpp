@@ -5,6 +5,7 @@
 
 #include "host/classdesc.h"
 #include "host/scenefile.h"
+#include "tracer/renderer.h"
 
 #include <charconv>
 #include <cstdio>
@@ -342,6 +343,10 @@ void inspectMapping(mq::HostInterface& ip, const InspectOptions& opt) {
 
 void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     loadSceneOrFail(ip, opt.scene);
+    // What render would warn of in the render data (a misspelt key), told
+    // here too; the load itself checks only what render would refuse.
+    mq::tracer::checkRenderData(
+        ip.scene(), [&](const std::string& w) { printWarning(opt.scene.string() + ": " + w); });
     if (!opt.tileNode.empty() && !opt.mappingNode.empty())
         throw CliError(kExitUsage, "--tile and --mapping: give one of them");
     if (!opt.tileNode.empty()) return inspectTile(ip, opt);
