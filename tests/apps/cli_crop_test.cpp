@@ -93,8 +93,9 @@ TEST_F(CropCli, InspectTilePrintsTheCapturedPatternAsJsonAndText) {
 // names the cure, and the cure silences it.
 TEST_F(CropCli, FacesInTheCropBoxWarnUntilAMarginMakesTheBoxTaller) {
     ASSERT_EQ(mosaiq({"crop", "reset", scene_, "Mosaiq001"}).code, 0);
-    const std::string warning = "2 pattern faces lie exactly in a face of the crop box (2 in its "
-                                "bottom)";
+    const std::string warning =
+        "2 pattern faces lie exactly in a face of the crop box (2 in its "
+        "bottom)";
     const Result tile = mosaiq({"inspect", scene_, "--tile", "Mosaiq001", "--json"});
     EXPECT_EQ(json::parse(tile.out)["facesOnCropFaces"], json({0, 0, 0, 0, 2, 0}));
     EXPECT_NE(tile.err.find(warning), std::string::npos) << tile.err;
@@ -102,8 +103,9 @@ TEST_F(CropCli, FacesInTheCropBoxWarnUntilAMarginMakesTheBoxTaller) {
     EXPECT_NE(inspect.err.find("mosaiq crop fit " + scene_ + " Mosaiq001 --margin 1"),
               std::string::npos)
         << inspect.err;
-    const std::vector<std::string> render = {"render", scene_, "-o", (dir_ / "r.png").string(),
-                                             "--resolution", "16x12", "--spp", "1", "--quiet"};
+    const std::vector<std::string> render = {
+        "render", scene_, "-o",     (dir_ / "r.png").string(), "--resolution", "16x12",
+        "--spp",  "1",    "--quiet"};
     EXPECT_NE(mosaiq(render).err.find(warning), std::string::npos);
 
     const Result crop = mosaiq({"crop", "reset", scene_, "Mosaiq001", "--margin", "1"});
