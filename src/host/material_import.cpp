@@ -59,8 +59,8 @@ std::string encodePng(const EmbeddedTexture& t) {
     OIIO::Filesystem::IOVecOutput proxy(bytes);
     auto out = OIIO::ImageOutput::create("png");
     if (!out || !out->set_ioproxy(&proxy)) return {};
-    const OIIO::ImageSpec spec(t.width, t.height, 4, OIIO::TypeDesc::UINT8);
-    if (!out->open("embedded.png", spec) ||
+    const OIIO::ImageSpec imageSpec(t.width, t.height, 4, OIIO::TypeDesc::UINT8);
+    if (!out->open("embedded.png", imageSpec) ||
         !out->write_image(OIIO::TypeDesc::UINT8, t.data.data()) || !out->close()) {
         return {};
     }
