@@ -1,0 +1,96 @@
+// mosaiq-studio: the desktop host. Loads the plug-ins, opens the main
+// window on a scene, and for documentation and tests grabs a widget into a
+// PNG once it is laid out.
+#include "main_window.h"
+
+#include "host/plugins.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QTimer>
+
+#include <iostream>
+
+namespace {
+
+// Exit codes as the command line's: 2 usage, 3 input, 4 output.
+constexpr int kExitUsage = 2, kExitInput = 3, kExitOutput = 4;
+
+int fail(int code, const QString& text) {
+    std::cerr << "mosaiq-studio: error: " << text.toStdString() << "\n";
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QApplication::setOrganizationName("Mosaiq");
+    QApplication::setApplicationName("mosaiq-studio");
+    QApplication::setApplicationVersion(MOSAIQ_VERSION);
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Mosaiq Studio: build, edit and render Mosaiq scenes.");
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addPositionalArgument("SCENE", "Scene file (.mosaiq) to open");
+    const QCommandLineOption select("select", "Select this node", "NODE");
+    const QCommandLineOption browser("open-browser", "Open the library browser on this folder",
+                                     "PATH");
+    const QCommandLineOption grab(
+        "grab", "Save a picture of WIDGET (main, command-panel, lib-browser) and exit", "WIDGET");
+    const QCommandLineOption out({"o", "output"}, "PNG file --grab writes", "OUT.png");
+    parser.addOptions({select, browser, grab, out});
+    parser.process(app);
+
+    const QString grabWhat = parser.value(grab);
+    const bool grabbing = parser.isSet(grab);
+    if (grabbing && grabWhat != "main" && grabWhat != "command-panel" && grabWhat != "lib-browser")
+        return fail(kExitUsage, "--grab: expected main, command-panel or lib-browser, found \"" +
+                                    grabWhat + "\"");
+    if (grabbing && !parser.isSet(out)) return fail(kExitUsage, "--grab needs -o OUT.png");
+    if (parser.positionalArguments().size() > 1)
+        return fail(kExitUsage,
+                    "expected one scene file, found " + parser.positionalArguments().join(' '));
+    // The panels and the library browser come with the Qt host UI layer.
+    if ((grabbing && grabWhat != "main") || parser.isSet(browser))
+        return fail(kExitUsage, (grabbing && grabWhat != "main" ? "--grab " + grabWhat
+                                                                : QString("--open-browser")) +
+                                    ": not available yet");
+
+    // The host exists before any plug-in, as the command line makes it; the
+    // window after them, so its Create menu lists the classes they bring.
+    mq::HostInterface ip;
+    for (const std::string& skipped :
+         mq::pluginManager().loadFolder(mq::PluginManager::defaultFolder()))
+        std::cerr << "mosaiq-studio: warning: " << skipped << "\n";
+    mosaiq::studio::MainWindow window(ip);
+    int inputError = 0;
+    if (grabbing) {
+        // Nobody is there to click a message box away.
+        window.reportError = [&inputError](const QString& title, const QString& text) {
+            std::cerr << "mosaiq-studio: error: " << text.toStdString() << "\n";
+            inputError = kExitInput;
+        };
+    }
+    if (!parser.positionalArguments().isEmpty())
+        window.openScene(parser.positionalArguments().front());
+    if (parser.isSet(select) && !window.selectNodeByName(parser.value(select)))
+        window.reportError("Select",
+                           "--select: no node named \"" + parser.value(select) + "\" in the scene");
+    if (grabbing && inputError) return inputError;
+    window.show();
+    if (!grabbing) return app.exec();
+
+    // Grab once the window has been laid out and painted.
+    int code = 0;
+    QTimer::singleShot(0, &window, [&] {
+        QApplication::processEvents();
+        const QString file = parser.value(out);
+        if (!window.grab().save(file, "PNG"))
+            code = fail(kExitOutput, file + ": could not write the picture");
+        app.quit();
+    });
+    app.exec();
+    return code;
+}

@@ -1,0 +1,124 @@
+// The studio's main window: menus, the scene outliner, the slot of the
+// command panel, the place of the viewport, the status bar with prompts and
+// the render's progress, and the image window it owns.
+#pragma once
+
+#include "host/interface.h"
+#include "tracer/renderer.h"
+
+#include <QMainWindow>
+#include <QMessageBox>
+#include <QString>
+
+#include <functional>
+#include <memory>
+
+class QLabel;
+class QMenu;
+class QProgressBar;
+class QPushButton;
+class QVBoxLayout;
+
+namespace mosaiq::studio {
+
+class ImageWindow;
+class RenderJob;
+class SceneOutliner;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    // The window edits ip's scene; ip must outlive it.
+    explicit MainWindow(mq::HostInterface& ip, QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // File commands. Each reports a failure to the user through reportError
+    // (naming the file and the reason) and returns false; the open scene is
+    // then unchanged.
+    void newScene();
+    bool openScene(const QString& path);
+    bool saveScene();  // Save As when the scene has no file yet
+    bool saveSceneAs(const QString& path);
+    bool mergeFile(const QString& path);
+    const QString& currentFile() const { return file_; }
+    bool isModified() const;
+
+    // Selection and node commands, each one undo step.
+    bool selectNodeByName(const QString& name);
+    mq::Node* selectedNode() const { return selected_; }
+    mq::Node* createObject(const QString& internalName);
+    void deleteSelected();
+    void undo();
+    void redo();
+
+    // Rendering on a worker thread; the scene is locked until it ends.
+    void startRender();
+    void cancelRender();
+    bool rendering() const;
+    // Where a finished render is also written; empty for nowhere.
+    void setRenderOutput(const QString& path) { renderOutput_ = path; }
+    const QString& renderOutput() const { return renderOutput_; }
+
+    // The command panel's slot, right of the viewport; the window takes the
+    // widget. A placeholder shows until one is set.
+    void setCommandPanel(QWidget* panel);
+    QWidget* commandPanel() const { return commandPanel_; }
+
+    SceneOutliner* outliner() const { return outliner_; }
+    ImageWindow* imageWindow() const { return imageWindow_.get(); }
+    mq::HostInterface& host() { return ip_; }
+
+    // How errors and questions reach the user; message boxes by default.
+    // Tests replace them, as a modal box would wait for a click.
+    std::function<void(const QString& title, const QString& text)> reportError;
+    // Asked before unsaved changes are dropped: Save, Discard or Cancel.
+    std::function<QMessageBox::StandardButton(const QString& text)> askToSave;
+
+signals:
+    // The selected node changed (null: none), for the command panel.
+    void nodeSelected(mq::Node* node);
+    // The scene was replaced or its node tree changed.
+    void sceneChanged();
+    void renderFinished();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void buildMenus();
+    void buildCreateMenu(QMenu* menu);
+    void rebuildRecentMenu();
+    void addRecentFile(const QString& path);
+    void refresh();  // outliner, titles, enabled states
+    void select(mq::Node* node);
+    bool maybeSave();
+    void showRenderSettings();
+    void onRenderFinished();
+    void prompt(const QString& text);
+    QString sceneName() const;
+
+    mq::HostInterface& ip_;
+    QString file_;
+    bool dirty_ = false;
+    int savedUndoCount_ = 0;
+    std::string savedUndoName_;
+    mq::Node* selected_ = nullptr;
+    QString renderOutput_;
+
+    SceneOutliner* outliner_;
+    QVBoxLayout* panelLayout_;
+    QWidget* commandPanel_ = nullptr;
+    std::unique_ptr<ImageWindow> imageWindow_;
+    std::unique_ptr<RenderJob> job_;
+    QProgressBar* progress_;
+    QPushButton* cancel_;
+    QMenu* recentMenu_ = nullptr;
+    QAction* undoAction_ = nullptr;
+    QAction* redoAction_ = nullptr;
+    QAction* deleteAction_ = nullptr;
+    QAction* renderAction_ = nullptr;
+    // Disabled while a render reads the scene.
+    QList<QAction*> editActions_;
+};
+
+}  // namespace mosaiq::studio

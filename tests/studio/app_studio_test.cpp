@@ -1,0 +1,168 @@
+// The studio's main window and frame buffer, driven through their widgets
+// on Qt's offscreen platform: opening, selecting and editing nodes, a failed
+// load or save, rendering and cancelling.
+#include "image_window.h"
+#include "main_window.h"
+#include "outliner.h"
+
+#include "host/hold.h"
+#include "host/plugins.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QFile>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QStatusBar>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using mosaiq::studio::MainWindow;
+
+namespace {
+const QString kSimple = QStringLiteral(MOSAIQ_SOURCE_DIR "/examples/simple.mosaiq");
+
+QStringList nodeNames(MainWindow& w) {
+    QStringList names;
+    for (QTreeWidgetItemIterator it(w.outliner()); *it; ++it) names << (*it)->text(0);
+    return names;
+}
+}  // namespace
+
+class StudioAppTest : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase() {
+        QStandardPaths::setTestModeEnabled(true);
+        mq::pluginManager().loadFolder(MOSAIQ_BIN_DIR);
+    }
+
+    void init() {
+        host_ = std::make_unique<mq::HostInterface>();
+        window_ = std::make_unique<MainWindow>(*host_);
+        errors_.clear();
+        window_->reportError = [this](const QString&, const QString& text) { errors_ << text; };
+        window_->askToSave = [](const QString&) { return QMessageBox::Discard; };
+        window_->show();
+    }
+    void cleanup() {
+        window_.reset();
+        host_.reset();
+    }
+
+    // Open a scene, select its Mosaiq node by a click in the outliner, then
+    // rename, unlink and delete nodes, each one named undo step.
+    void openSelectAndEdit() {
+        MainWindow& w = *window_;
+        QVERIFY(w.openScene(kSimple));
+        QCOMPARE(nodeNames(w), (QStringList{"Mosaiq001", "Surface", "Pattern"}));
+        QVERIFY(!w.isModified());
+
+        QSignalSpy selected(&w, &MainWindow::nodeSelected);
+        QTreeWidgetItem* item = w.outliner()->findItems("Mosaiq001", Qt::MatchExactly).front();
+        const QRect rect = w.outliner()->visualItemRect(item);
+        QTest::mouseClick(w.outliner()->viewport(), Qt::LeftButton, {}, rect.center());
+        QVERIFY(w.selectedNode());
+        QCOMPARE(QString::fromStdString(w.selectedNode()->GetName()), QString("Mosaiq001"));
+        QCOMPARE(selected.count(), 1);
+
+        // A taken name is numbered apart; the Edit menu names the step.
+        w.outliner()->findItems("Surface", Qt::MatchExactly).front()->setText(0, "Pattern");
+        QCOMPARE(nodeNames(w), (QStringList{"Mosaiq001", "Pattern001", "Pattern"}));
+        QCOMPARE(mq::theHold.undoName(), std::string("Rename"));
+        QVERIFY(w.isModified());
+
+        // Linking keeps the world place; a node cannot go under its own child.
+        mq::Scene& scene = w.host().scene();
+        mq::Node* surface = scene.findNode("Pattern001");
+        mq::Node* pattern = scene.findNode("Pattern");
+        const mq::Point3 before = surface->GetNodeTM(0).GetTrans();
+        emit w.outliner()->reparentRequested(surface, pattern);
+        QCOMPARE(surface->GetParentNode(), pattern);
+        QVERIFY(mq::Length(surface->GetNodeTM(0).GetTrans() - before) < 1e-4f);
+        emit w.outliner()->reparentRequested(pattern, surface);
+        QCOMPARE(pattern->GetParentNode(), scene.root());
+
+        w.selectNodeByName("Pattern");
+        w.deleteSelected();
+        QVERIFY(!scene.findNode("Pattern"));
+        QCOMPARE(surface->GetParentNode(), scene.root());
+        w.undo();  // delete
+        w.undo();  // link
+        w.undo();  // rename
+        QCOMPARE(nodeNames(w).size(), 3);
+        QCOMPARE(scene.findNode("Surface")->GetParentNode(), scene.root());
+        QCOMPARE(scene.findNode("Pattern")->GetParentNode(), scene.root());
+        QVERIFY(!w.isModified());
+    }
+
+    // Bad input names the file and the reason; the open scene stays.
+    void failuresKeepTheScene() {
+        MainWindow& w = *window_;
+        QVERIFY(w.openScene(kSimple));
+        QTemporaryDir dir;
+        const QString broken = dir.filePath("broken.mosaiq");
+        QFile f(broken);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("{\"version\": 1, \"nodes\": [");
+        f.close();
+
+        QVERIFY(!w.openScene(broken));
+        QCOMPARE(errors_.size(), 1);
+        QVERIFY2(errors_[0].contains(broken), qPrintable(errors_[0]));
+        QCOMPARE(w.currentFile(), QFileInfo(kSimple).absoluteFilePath());
+        QCOMPARE(nodeNames(w).size(), 3);
+
+        const QString unwritable = dir.filePath("no/such/folder/out.mosaiq");
+        QVERIFY(!w.saveSceneAs(unwritable));
+        QVERIFY2(errors_.size() == 2 && errors_[1].contains(unwritable),
+                 qPrintable(errors_.last()));
+        QCOMPARE(w.currentFile(), QFileInfo(kSimple).absoluteFilePath());
+    }
+
+    // A render arrives in the frame buffer; a cancelled one leaves it as it was,
+    // and the window answers while the worker runs.
+    void renderAndCancel() {
+        MainWindow& w = *window_;
+        QVERIFY(w.openScene(kSimple));
+        w.host().scene().render = {{"width", 48}, {"height", 32}, {"spp", 1}};
+        w.startRender();
+        QTRY_VERIFY_WITH_TIMEOUT(!w.rendering(), 60000);
+        QVERIFY2(errors_.isEmpty(), qPrintable(errors_.join('\n')));
+        QVERIFY(w.imageWindow()->isVisible());
+        QCOMPARE(w.imageWindow()->displayed().size(), QSize(48, 32));
+        const QImage first = w.imageWindow()->displayed();
+
+        w.imageWindow()->setChannel(mosaiq::studio::ImageWindow::Channel::Alpha);
+        QCOMPARE(qRed(w.imageWindow()->displayed().pixel(24, 16)),
+                 qGreen(w.imageWindow()->displayed().pixel(24, 16)));
+        w.imageWindow()->setChannel(mosaiq::studio::ImageWindow::Channel::Rgb);
+
+        w.host().scene().render = {{"width", 1600}, {"height", 1200}, {"spp", 4096}};
+        QSignalSpy finished(&w, &MainWindow::renderFinished);
+        w.startRender();
+        QVERIFY(w.rendering());
+        QTest::qWait(50);
+        QVERIFY(w.rendering());
+        QTest::mouseClick(w.findChild<QPushButton*>("cancelRender"), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() == 1, 30000);
+        QVERIFY(w.statusBar()->currentMessage().contains("cancelled"));
+        QCOMPARE(w.imageWindow()->displayed(), first);
+
+        // Saving the frame goes through the tracer's writer.
+        QTemporaryDir dir;
+        QString error;
+        QVERIFY(w.imageWindow()->saveTo(dir.filePath("frame.exr"), &error));
+        QVERIFY(!w.imageWindow()->saveTo(dir.filePath("frame.bmp"), &error));
+        QVERIFY(error.contains("frame.bmp"));
+    }
+
+private:
+    std::unique_ptr<mq::HostInterface> host_;
+    std::unique_ptr<MainWindow> window_;
+    QStringList errors_;
+};
+
+QTEST_MAIN(StudioAppTest)
+#include "app_studio_test.moc"
