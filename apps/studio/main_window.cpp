@@ -439,7 +439,8 @@ void MainWindow::showRenderSettings() {
     refresh();
 }
 
-bool MainWindow::rendering() const { return job_ && job_->running(); }
+// Until finished() is handled: the thread may have ended with its signal still queued.
+bool MainWindow::rendering() const { return job_ != nullptr; }
 
 void MainWindow::startRender() {
     if (rendering()) return;

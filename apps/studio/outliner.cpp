@@ -14,12 +14,16 @@ constexpr int kHandleRole = Qt::UserRole + 1;
 }  // namespace
 
 SceneOutliner::SceneOutliner(QWidget* parent) : QTreeWidget(parent) {
-    setColumnCount(1);
-    setHeaderLabels({tr("Scene")});
+    setColumnCount(2);
+    setHeaderLabels({tr("Scene"), tr("Type")});
     header()->setStretchLastSection(true);
+    header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
     setSelectionMode(QAbstractItemView::SingleSelection);
     setDragDropMode(QAbstractItemView::InternalMove);
-    setEditTriggers(QAbstractItemView::DoubleClicked | QAbstractItemView::EditKeyPressed);
+    // Only the name is edited, wherever the row is double-clicked.
+    setEditTriggers(QAbstractItemView::NoEditTriggers);
+    connect(this, &QTreeWidget::itemDoubleClicked, this,
+            [this](QTreeWidgetItem* item) { editItem(item, 0); });
     setToolTip(tr("Check: renderable. Double-click: rename. Drag onto a node: link to it."));
     connect(this, &QTreeWidget::itemChanged, this, &SceneOutliner::onItemChanged);
     connect(this, &QTreeWidget::itemSelectionChanged, this, [this] {
@@ -51,7 +55,8 @@ void SceneOutliner::rebuild(mq::Scene& scene) {
                            Qt::ItemIsDragEnabled | Qt::ItemIsDropEnabled);
             item->setCheckState(0, child->Renderable() ? Qt::Checked : Qt::Unchecked);
             if (mq::Object* obj = child->GetObjectRef())
-                item->setToolTip(0, QString::fromStdString(obj->GetClassName()));
+                item->setText(1, QString::fromStdString(obj->GetClassName()));
+            item->setForeground(1, palette().color(QPalette::Disabled, QPalette::Text));
             add(child, item);
             item->setExpanded(!collapsed.contains(qulonglong(child->GetHandle())));
         }
@@ -86,8 +91,8 @@ mq::Node* SceneOutliner::selectedNode() const {
     return items.isEmpty() ? nullptr : nodeOf(items.front());
 }
 
-void SceneOutliner::onItemChanged(QTreeWidgetItem* item, int) {
-    if (rebuilding_) return;
+void SceneOutliner::onItemChanged(QTreeWidgetItem* item, int column) {
+    if (rebuilding_ || column != 0) return;
     mq::Node* node = nodeOf(item);
     if (!node) return;
     const QString name = item->text(0);
