@@ -459,6 +459,10 @@ void MainWindow::startRender() {
         progress_->setMaximum(total);
         progress_->setValue(done);
     });
+    connect(job_.get(), &RenderJob::bandArrived, this, [this] {
+        imageWindow_->showRender(job_->arrived(), tr("%1 - Rendering...").arg(sceneName()));
+        imageWindow_->show();
+    });
     connect(job_.get(), &RenderJob::finished, this, &MainWindow::onRenderFinished);
     progress_->setValue(0);
     progress_->setVisible(true);
@@ -482,6 +486,9 @@ void MainWindow::onRenderFinished() {
     progress_->setVisible(false);
     cancel_->setVisible(false);
     if (job_->cancelled()) {
+        // The bands that arrived stay in the frame buffer.
+        if (imageWindow_->isVisible())
+            imageWindow_->setWindowTitle(tr("%1 - Render Cancelled").arg(sceneName()));
         prompt(tr("Render cancelled"));
     } else if (!job_->error().isEmpty()) {
         reportError(tr("Render"), tr("Rendering %1 failed:\n%2").arg(sceneName(), job_->error()));

@@ -143,13 +143,21 @@ private slots:
         QVERIFY2(errors_.isEmpty(), qPrintable(errors_.join('\n')));
         QVERIFY2(w.imageWindow()->isVisible(), qPrintable(w.statusBar()->currentMessage()));
         QCOMPARE(w.imageWindow()->displayed().size(), QSize(48, 32));
-        const QImage first = w.imageWindow()->displayed();
 
         w.imageWindow()->setChannel(mosaiq::studio::ImageWindow::Channel::Alpha);
         QCOMPARE(qRed(w.imageWindow()->displayed().pixel(24, 16)),
                  qGreen(w.imageWindow()->displayed().pixel(24, 16)));
         w.imageWindow()->setChannel(mosaiq::studio::ImageWindow::Channel::Rgb);
 
+        // A frame rendered in bands (two at this height) is the frame rendered whole.
+        w.host().scene().render = {{"width", 24}, {"height", 330}, {"spp", 1}};
+        w.startRender();
+        QTRY_VERIFY_WITH_TIMEOUT(!w.rendering(), 60000);
+        const mq::tracer::Image whole = mq::tracer::renderImage(
+            w.host().scene(), mq::tracer::RenderSettings::fromJson(w.host().scene().render));
+        QVERIFY(w.imageWindow()->frame().rgba == whole.rgba);
+        QVERIFY(w.imageWindow()->frame().objectId == whole.objectId);
+        const QImage before = w.imageWindow()->displayed();
         w.host().scene().render = {{"width", 1600}, {"height", 1200}, {"spp", 4096}};
         QSignalSpy finished(&w, &MainWindow::renderFinished);
         w.startRender();
@@ -159,7 +167,7 @@ private slots:
         QTest::mouseClick(w.findChild<QPushButton*>("cancelRender"), Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(finished.count() == 1, 30000);
         QVERIFY(w.statusBar()->currentMessage().contains("cancelled"));
-        QCOMPARE(w.imageWindow()->displayed(), first);
+        QCOMPARE(w.imageWindow()->displayed(), before);
 
         // Saving the frame goes through the tracer's writer.
         QTemporaryDir dir;
