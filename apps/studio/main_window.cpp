@@ -101,7 +101,7 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
     splitter->setStretchFactor(0, 0);
     splitter->setStretchFactor(1, 1);
     splitter->setStretchFactor(2, 0);
-    splitter->setSizes({220, 760, 220});
+    splitter->setSizes({260, 760, 220});
     setCentralWidget(splitter);
 
     progress_ = new QProgressBar(this);

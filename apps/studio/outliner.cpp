@@ -16,8 +16,10 @@ constexpr int kHandleRole = Qt::UserRole + 1;
 SceneOutliner::SceneOutliner(QWidget* parent) : QTreeWidget(parent) {
     setColumnCount(2);
     setHeaderLabels({tr("Scene"), tr("Type")});
-    header()->setStretchLastSection(true);
-    header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+    // The name takes the room; the type column is as wide as its longest entry.
+    header()->setStretchLastSection(false);
+    header()->setSectionResizeMode(0, QHeaderView::Stretch);
+    header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
     setSelectionMode(QAbstractItemView::SingleSelection);
     setDragDropMode(QAbstractItemView::InternalMove);
     // Only the name is edited, wherever the row is double-clicked.
