@@ -252,6 +252,8 @@ void MainWindow::refresh() {
     const bool busy = rendering();
     for (QAction* a : editActions_) a->setEnabled(!busy);
     outliner_->setEnabled(!busy);
+    // The panel edits parameters the worker is reading.
+    if (commandPanel_) commandPanel_->setEnabled(!busy);
     renderAction_->setEnabled(!busy);
     const std::string u = mq::theHold.undoName(), r = mq::theHold.redoName();
     undoAction_->setText(u.empty() ? tr("&Undo") : tr("&Undo %1").arg(QString::fromStdString(u)));
@@ -429,6 +431,7 @@ void MainWindow::setCommandPanel(QWidget* panel) {
     if (commandPanel_) commandPanel_->deleteLater();
     commandPanel_ = panel;
     panelLayout_->addWidget(panel);
+    panel->setEnabled(!rendering());
 }
 
 void MainWindow::showRenderSettings() {
