@@ -58,7 +58,7 @@ public:
     int id() const override { return id_; }
     mq::ui::Size size() const override;
     void* userData() const override { return userData_; }
-    void setUserData(void* data) override { userData_ = data; }
+    void setUserData(void* user) override { userData_ = user; }
     void showScrollBar(bool on) override;
     void setScrollRange(int min, int max) override;
     int scrollMin() const override { return min_; }

@@ -68,12 +68,14 @@ public:
         if (type_ == mq::EDITTYPE_INT) value = std::round(value);
         return std::clamp(value, min_, std::max(min_, max_));
     }
-    // One arrow step: whole numbers step by one; automatic scaling steps by
-    // a hundredth of the value so that large and small values scrub alike.
+    // One arrow step: whole numbers step by one; automatic scaling steps by a
+    // tenth of the value's decade (0.1 from 1 to 10), so that large and
+    // small values scrub alike and land on round numbers.
     double step() const {
         if (type_ == mq::EDITTYPE_INT) return 1.0;
-        if (autoScale_) return std::max(0.01, std::abs(value_) * 0.01);
-        return 0.1;
+        if (!autoScale_) return 0.1;
+        const double magnitude = std::max(std::abs(scrub), 0.01);
+        return std::pow(10.0, std::floor(std::log10(magnitude))) / 10.0;
     }
     // The value shown in the linked edit, as text.
     std::string shown() const { return formatValue(value_, type_); }

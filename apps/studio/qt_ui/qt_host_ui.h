@@ -9,6 +9,7 @@
 #include "host/ui/host_ui.h"
 
 #include <QPointer>
+#include <QWidget>
 
 #include <deque>
 #include <functional>
@@ -20,7 +21,6 @@
 class QDialog;
 class QScrollArea;
 class QVBoxLayout;
-class QWidget;
 
 namespace mosaiq::studio {
 
@@ -125,6 +125,7 @@ private:
 // A rollup page: a header button with the title that opens and closes it,
 // above its dialog.
 class RollupPage final : public QWidget {
+    Q_OBJECT
 public:
     RollupPage(const std::string& title, QtDialogWindow* window, bool closed);
     bool isOpen() const;
