@@ -18,6 +18,7 @@
 #include <QMouseEvent>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QScrollBar>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -106,6 +107,23 @@ private slots:
         QCOMPARE(enabled(), (std::vector<bool>{true, false, false}));
     }
 
+    void pickButtonTakesTheNodeTheFilterAllows() {
+        QtDialogWindow* surf = ui_->page("Surface");
+        mq::Node plane("plane"), light("light");
+        QVERIFY2(!ui_->pickNode(&plane), "no button is waiting");
+        ui_->setPickFilter(
+            [](const QtDialogWindow&, int, const mq::Node& n) { return n.GetName() != "light"; });
+        QTest::mouseClick(surf->widget(surface::kSurfacePick), Qt::LeftButton);
+        QVERIFY(ui_->picking());
+        QVERIFY(!ui_->pickNode(&light));
+        QVERIFY(ui_->pickNode(&plane));
+        QVERIFY(!ui_->picking());
+        QCOMPARE(obj_->GetParamBlock(0)->GetINode(kSurface, 0), &plane);
+        QCOMPARE(surf->text(surface::kSurfacePick), std::string("plane"));
+        QCOMPARE(mq::theHold.undoName(), std::string("Surface"));
+        obj_->GetParamBlock(0)->SetValue(kSurface, 0, static_cast<mq::Node*>(nullptr));
+    }
+
     void spinnerDragIsOneUndoStepAndEditsCommitOnEnter() {
         QtDialogWindow* surf = ui_->page("Surface");
         mq::ParamBlock* pb = obj_->GetParamBlock(0);
@@ -174,6 +192,15 @@ private slots:
             QCOMPARE(files->frame().pixelColor(175 + 20, 5 + 20), QColor(210, 210, 210));
             QVERIFY(!w.isEnabled(library::kSelectFile));
             grab(&w, "lib-browser.png");
+
+            // The wheel reaches the view's procedure, which moves the bar.
+            studio::QtView* folders = w.qtView(library::kFolderView);
+            folders->setScrollRange(0, 100);
+            QWheelEvent wheel({10, 10}, folders->mapToGlobal(QPoint(10, 10)), {}, {0, -120},
+                              Qt::NoButton, {}, Qt::NoScrollPhase, false);
+            QApplication::sendEvent(folders, &wheel);
+            QVERIFY(folders->scrollPos() > 0);
+            QCOMPARE(folders->scrollBar()->value(), folders->scrollPos());
 
             QTest::mouseClick(files, Qt::LeftButton, {}, QPoint(175 + 40, 5 + 40));
             QVERIFY(w.isEnabled(library::kSelectFile));

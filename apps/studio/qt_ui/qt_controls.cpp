@@ -79,6 +79,12 @@ void SpinnerArrows::mouseReleaseEvent(QMouseEvent* e) {
     update();
 }
 
+void SpinnerArrows::endGesture() {
+    if (!pressed_) return;
+    pressed_ = dragged_ = false;
+    if (onGestureEnd) onGestureEnd();
+}
+
 // ---- Views ----
 
 QtView::QtView(int id, const std::string& viewClass, QWidget* parent)

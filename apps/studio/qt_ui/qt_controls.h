@@ -31,6 +31,9 @@ public:
     std::function<void()> onReset;
     std::function<void()> onGestureBegin, onGestureEnd;
 
+    // End a gesture still in progress (the window goes mid-drag).
+    void endGesture();
+
     // Pixels of vertical drag per step.
     static constexpr double kPixelsPerStep = 2.0;
 

@@ -34,6 +34,19 @@ std::string formatValue(double value, mq::EditSpinnerType type) {
     return text;
 }
 
+// The application font at the size whose average character (over the
+// alphabet, as the platform measures its dialog font) fits the dialog unit's
+// cell, so that captions laid out for the platform's font fit their controls.
+QFont dialogFont(QFont f, const mq::ui::DialogUnits& units) {
+    static const QString alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    const int largest = std::max(6, int(std::lround(units.charHeight * 11.0 / 13.0)));
+    for (int px = largest; px > largest * 3 / 4; --px) {
+        f.setPixelSize(px);
+        if (QFontMetricsF(f).horizontalAdvance(alphabet) / 52.0 <= units.charWidth + 0.25) break;
+    }
+    return f;
+}
+
 }  // namespace
 
 // ---- Spinners ----
@@ -105,15 +118,16 @@ private:
 QtDialogWindow::QtDialogWindow(const mq::ui::DialogTemplate& tmpl, mq::ui::DialogProc& proc,
                                const mq::ui::DialogUnits& units, QWidget* parent)
     : QWidget(parent), tmpl_(tmpl), proc_(proc) {
-    // The dialog font's cell: 13 pixels at 96 dpi hold an 11-pixel em.
-    QFont f = font();
-    f.setPixelSize(std::max(6, int(std::lround(units.charHeight * 11.0 / 13.0))));
-    setFont(f);
+    setFont(dialogFont(font(), units));
     setFixedSize(units.x(tmpl.width), units.y(tmpl.height));
     for (const mq::ui::ControlTemplate& c : tmpl.controls) makeControl(c, units);
 }
 
-QtDialogWindow::~QtDialogWindow() = default;
+QtDialogWindow::~QtDialogWindow() {
+    // A drag cut short still closes its undo hold, while the procedure exists.
+    for (auto& [id, c] : controls_)
+        if (auto* a = qobject_cast<SpinnerArrows*>(c.widget)) a->endGesture();
+}
 
 void QtDialogWindow::makeControl(const mq::ui::ControlTemplate& c,
                                  const mq::ui::DialogUnits& units) {
