@@ -115,6 +115,9 @@ private slots:
             [](const QtDialogWindow&, int, const mq::Node& n) { return n.GetName() != "light"; });
         QTest::mouseClick(surf->widget(surface::kSurfacePick), Qt::LeftButton);
         QVERIFY(ui_->picking());
+        QTest::mouseClick(surf->widget(surface::kSurfacePick), Qt::LeftButton);
+        QVERIFY2(!ui_->picking(), "a second click stops picking");
+        QTest::mouseClick(surf->widget(surface::kSurfacePick), Qt::LeftButton);
         QVERIFY(!ui_->pickNode(&light));
         QVERIFY(ui_->pickNode(&plane));
         QVERIFY(!ui_->picking());

@@ -176,6 +176,11 @@ QtDialogWindow* QtHostUI::page(const std::string& title) const {
 // ---- Picking ----
 
 void QtHostUI::startPick(QtDialogWindow& window, int control) {
+    // A second click on the waiting button stops picking.
+    if (pickWindow_ == &window && pickControl_ == control) {
+        cancelPick();
+        return;
+    }
     // A second pick button takes over; the first shows itself idle again.
     if (pickWindow_ && (pickWindow_ != &window || pickControl_ != control))
         pickWindow_->finishPick(pickControl_, nullptr);
