@@ -2,6 +2,7 @@
 // window on a scene, and for documentation and tests grabs a widget into a
 // PNG once it is laid out.
 #include "main_window.h"
+#include "qt_ui/qt_host_ui.h"
 
 #include "host/plugins.h"
 
@@ -52,11 +53,13 @@ int main(int argc, char** argv) {
     if (parser.positionalArguments().size() > 1)
         return fail(kExitUsage,
                     "expected one scene file, found " + parser.positionalArguments().join(' '));
-    // The panels and the library browser come with the Qt host UI layer.
-    if ((grabbing && grabWhat != "main") || parser.isSet(browser))
-        return fail(kExitUsage, (grabbing && grabWhat != "main" ? "--grab " + grabWhat
-                                                                : QString("--open-browser")) +
-                                    ": not available yet");
+    // Opening the library browser from here waits for the Base rollout's
+    // "..." button to be reachable by name.
+    if ((grabbing && grabWhat == "lib-browser") || parser.isSet(browser))
+        return fail(kExitUsage,
+                    (grabbing && grabWhat == "lib-browser" ? "--grab " + grabWhat
+                                                           : QString("--open-browser")) +
+                        ": not available yet");
 
     // The host exists before any plug-in, as the command line makes it; the
     // window after them, so its Create menu lists the classes they bring.
@@ -64,7 +67,21 @@ int main(int argc, char** argv) {
     for (const std::string& skipped :
          mq::pluginManager().loadFolder(mq::PluginManager::defaultFolder()))
         std::cerr << "mosaiq-studio: warning: " << skipped << "\n";
+    // The window's panels are the Qt host UI's; the host owns it, and lets
+    // it go before the window is destroyed.
+    auto ownedUI = std::make_unique<mosaiq::studio::QtHostUI>();
+    mosaiq::studio::QtHostUI* ui = ownedUI.get();
+    ip.setUI(std::move(ownedUI));
     mosaiq::studio::MainWindow window(ip);
+    window.attachUI(ui);
+    struct ReleaseUI {
+        mosaiq::studio::MainWindow& window;
+        mq::HostInterface& ip;
+        ~ReleaseUI() {
+            window.endEditing();
+            ip.setUI(nullptr);
+        }
+    } releaseUI{window, ip};
     int inputError = 0;
     if (grabbing) {
         // Nobody is there to click a message box away.
@@ -87,7 +104,8 @@ int main(int argc, char** argv) {
     QTimer::singleShot(0, &window, [&] {
         QApplication::processEvents();
         const QString file = parser.value(out);
-        if (!window.grab().save(file, "PNG"))
+        QWidget* what = grabWhat == "command-panel" ? window.commandPanel() : &window;
+        if (!what->grab().save(file, "PNG"))
             code = fail(kExitOutput, file + ": could not write the picture");
         app.quit();
     });

@@ -1,5 +1,7 @@
 #include "main_window.h"
 
+#include "qt_ui/qt_host_ui.h"
+
 #include "image_window.h"
 #include "outliner.h"
 #include "render_job.h"
@@ -64,7 +66,14 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
 
     outliner_ = new SceneOutliner(this);
     outliner_->setObjectName("outliner");
-    connect(outliner_, &SceneOutliner::nodeSelected, this, [this](mq::Node* n) { select(n); });
+    connect(outliner_, &SceneOutliner::nodeSelected, this, [this](mq::Node* n) {
+        if (ui_ && ui_->picking() && n) {
+            ui_->pickNode(n);
+            outliner_->selectNode(selected_);
+            return;
+        }
+        select(n);
+    });
     connect(outliner_, &SceneOutliner::renameRequested, this,
             [this](mq::Node* n, const QString& name) {
                 const std::string given = renameNode(ip_.scene(), n, name.trimmed().toStdString());
@@ -274,7 +283,49 @@ void MainWindow::select(mq::Node* node) {
     prompt(node ? tr("Selected %1").arg(QString::fromStdString(node->GetName()))
                 : tr("Click a node in the scene to select it"));
     if (deleteAction_) deleteAction_->setEnabled(node && !rendering());
+    endEditing();
+    beginEditing(node);
     emit nodeSelected(node);
+}
+
+void MainWindow::attachUI(QtHostUI* ui) {
+    ui_ = ui;
+    ui->setDialogParent(this);
+    setCommandPanel(ui->commandPanel());
+    ui->setImageSink([this](const mq::ui::Image& image, const std::string& title) {
+        imageWindow_->showImage(image, QString::fromStdString(title));
+        imageWindow_->show();
+        imageWindow_->raise();
+    });
+    ui->onPickMode = [this](bool picking) {
+        prompt(picking ? tr("Click a node in the outliner to pick it") : QString());
+    };
+    beginEditing(selected_);
+}
+
+void MainWindow::beginEditing(mq::Node* node) {
+    mq::Object* obj = node ? node->GetObjectRef() : nullptr;
+    if (!ui_ || !obj) return;
+    edited_ = obj;
+    obj->BeginEditParams(&ip_, 0, nullptr);
+}
+
+void MainWindow::endEditing() {
+    if (ui_ && ui_->picking()) ui_->cancelPick();
+    if (!edited_) return;
+    mq::Object* obj = edited_;
+    edited_ = nullptr;
+    obj->EndEditParams(&ip_, 0, nullptr);
+}
+
+void MainWindow::withEditingClosed(const std::function<void()>& change) {
+    mq::Node* keep = selected_;
+    endEditing();
+    change();
+    refresh();
+    const auto nodes = ip_.scene().allNodes();
+    if (keep && std::find(nodes.begin(), nodes.end(), keep) != nodes.end() && keep == selected_)
+        beginEditing(keep);
 }
 
 bool MainWindow::selectNodeByName(const QString& name) {
@@ -393,15 +444,13 @@ void MainWindow::deleteSelected() {
 
 void MainWindow::undo() {
     if (rendering()) return;
-    mq::theHold.Undo();
-    refresh();
+    withEditingClosed([] { mq::theHold.Undo(); });
     emit sceneChanged();
 }
 
 void MainWindow::redo() {
     if (rendering()) return;
-    mq::theHold.Redo();
-    refresh();
+    withEditingClosed([] { mq::theHold.Redo(); });
     emit sceneChanged();
 }
 
@@ -423,6 +472,7 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         return;
     }
     job_.reset();
+    endEditing();
     imageWindow_->close();
     event->accept();
 }

@@ -22,6 +22,7 @@ class QVBoxLayout;
 namespace mosaiq::studio {
 
 class ImageWindow;
+class QtHostUI;
 class RenderJob;
 class SceneOutliner;
 
@@ -64,6 +65,14 @@ public:
     void setCommandPanel(QWidget* panel);
     QWidget* commandPanel() const { return commandPanel_; }
 
+    // Show the selected object's rollouts through ui (installed in the host
+    // by the caller, which keeps it alive while the window lives): its
+    // command panel fills the slot, its images go to the image window, and
+    // while a pick button waits an outliner click picks instead of selecting.
+    void attachUI(QtHostUI* ui);
+    // Close the rollouts of the object being edited, if any.
+    void endEditing();
+
     SceneOutliner* outliner() const { return outliner_; }
     ImageWindow* imageWindow() const { return imageWindow_.get(); }
     mq::HostInterface& host() { return ip_; }
@@ -91,6 +100,9 @@ private:
     void addRecentFile(const QString& path);
     void refresh();  // outliner, titles, enabled states
     void select(mq::Node* node);
+    void beginEditing(mq::Node* node);
+    // Undo and redo may delete the edited object: its rollouts close first.
+    void withEditingClosed(const std::function<void()>& change);
     bool maybeSave();
     void showRenderSettings();
     void onRenderFinished();
@@ -103,6 +115,8 @@ private:
     int savedUndoCount_ = 0;
     std::string savedUndoName_;
     mq::Node* selected_ = nullptr;
+    QtHostUI* ui_ = nullptr;
+    mq::Object* edited_ = nullptr;  // whose rollouts are open
     QString renderOutput_;
 
     SceneOutliner* outliner_;

@@ -4,6 +4,7 @@
 #include "image_window.h"
 #include "main_window.h"
 #include "outliner.h"
+#include "qt_ui/qt_host_ui.h"
 
 #include "host/hold.h"
 #include "host/plugins.h"
@@ -47,8 +48,32 @@ private slots:
         window_->show();
     }
     void cleanup() {
+        window_->endEditing();
+        host_->setUI(nullptr);
         window_.reset();
         host_.reset();
+    }
+
+    // The selected object's rollouts fill the command panel, and close
+    // before an undo deletes their object.
+    void rolloutsFollowTheSelection() {
+        MainWindow& w = *window_;
+        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
+        mosaiq::studio::QtHostUI* ui = owned.get();
+        host_->setUI(std::move(owned));
+        w.attachUI(ui);
+        QVERIFY(w.openScene(kSimple));
+        QVERIFY(w.selectNodeByName("Mosaiq001"));
+        const std::vector<std::string> pages = ui->pageTitles();
+        QVERIFY(std::find(pages.begin(), pages.end(), "Base Parameters") != pages.end());
+        QCOMPARE(w.commandPanel(), ui->commandPanel());
+
+        QVERIFY(w.createObject("PatternPattern"));
+        QVERIFY(!ui->pageTitles().empty());
+        w.undo();  // deletes the object whose rollouts are open
+        QVERIFY(ui->pageTitles().empty());
+        QVERIFY(w.selectNodeByName("Surface"));
+        QVERIFY(ui->pageTitles().empty());  // a primitive has no rollouts here
     }
 
     // Open a scene, select its Mosaiq node by a click in the outliner, then

@@ -189,6 +189,8 @@ void QtHostUI::startPick(QtDialogWindow& window, int control) {
     if (onPickMode) onPickMode(true);
 }
 
+bool QtHostUI::picking() const { return pickWindow_ != nullptr; }
+
 bool QtHostUI::pickNode(mq::Node* node) {
     if (!pickWindow_ || !node) return false;
     if (pickFilter_ && !pickFilter_(*pickWindow_, pickControl_, *node)) return false;

@@ -70,7 +70,7 @@ public:
     // The filter sees the dialog and pick button asking; none takes any node.
     using PickFilter = std::function<bool(const QtDialogWindow&, int control, const mq::Node&)>;
     void setPickFilter(PickFilter filter) { pickFilter_ = std::move(filter); }
-    bool picking() const { return pickWindow_ != nullptr; }
+    bool picking() const;
     bool pickNode(mq::Node* node);
     void cancelPick();
     // Told when picking starts (true) and ends (false), for the status bar.
