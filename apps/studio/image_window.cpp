@@ -16,17 +16,6 @@
 
 namespace mosaiq::studio {
 
-uint8_t displayValue(float linear, const mq::tracer::DisplayTransform& display) {
-    float c = std::isfinite(linear) ? std::max(linear * std::exp2(display.exposure), 0.0f) : 0.0f;
-    if (display.curve == mq::tracer::ToneCurve::Filmic && c > 0.6f) {
-        // The tracer's shoulder: identity to 0.6, then bending towards 1.
-        c = 0.6f + 0.4f * (1.0f - std::exp(-(c - 0.6f) / 0.4f));
-    }
-    c = std::min(c, 1.0f);
-    const float s = c <= 0.0031308f ? 12.92f * c : 1.055f * std::pow(c, 1.0f / 2.4f) - 0.055f;
-    return uint8_t(std::lround(s * 255.0f));
-}
-
 ImageCanvas::ImageCanvas(QWidget* parent) : QWidget(parent) {
     setMinimumSize(200, 150);
     setAutoFillBackground(true);
@@ -142,22 +131,24 @@ void ImageWindow::setChannel(Channel channel) {
 }
 
 void ImageWindow::refresh() {
+    using mq::tracer::toSrgb8;
     const int w = image_.width, h = image_.height;
+    const float scale = std::exp2(image_.display.exposure);
     QImage out(w, h, QImage::Format_RGB32);
     for (int y = 0; y < h; ++y) {
         auto* row = reinterpret_cast<QRgb*>(out.scanLine(y));
         for (int x = 0; x < w; ++x) {
             const float* px = image_.pixel(x, y);
             if (channel_ == Channel::Rgb) {
-                row[x] =
-                    qRgb(displayValue(px[0], image_.display), displayValue(px[1], image_.display),
-                         displayValue(px[2], image_.display));
+                row[x] = qRgb(toSrgb8(px[0], image_.display, scale),
+                              toSrgb8(px[1], image_.display, scale),
+                              toSrgb8(px[2], image_.display, scale));
             } else if (channel_ == Channel::Alpha) {
                 // Coverage is no radiance: shown linearly.
                 const int a = int(std::lround(std::clamp(px[3], 0.0f, 1.0f) * 255.0f));
                 row[x] = qRgb(a, a, a);
             } else {
-                const uint8_t v = displayValue(px[int(channel_) - 1], image_.display);
+                const uint8_t v = toSrgb8(px[int(channel_) - 1], image_.display, scale);
                 row[x] = qRgb(v, v, v);
             }
         }

@@ -359,15 +359,19 @@ bool MainWindow::openScene(const QString& path) {
         reportError(tr("Open Scene"), tr("Could not open %1:\n%2").arg(path, e.what()));
         return false;
     }
+    markSavedAs(path);
+    emit sceneChanged();
+    prompt(tr("Opened %1").arg(path));
+    return true;
+}
+
+void MainWindow::markSavedAs(const QString& path) {
     file_ = QFileInfo(path).absoluteFilePath();
     dirty_ = false;
     savedUndoCount_ = mq::theHold.undoCount();
     savedUndoName_ = mq::theHold.undoName();
     addRecentFile(path);
     refresh();
-    emit sceneChanged();
-    prompt(tr("Opened %1").arg(path));
-    return true;
 }
 
 bool MainWindow::saveScene() {
@@ -386,12 +390,7 @@ bool MainWindow::saveSceneAs(const QString& path) {
         reportError(tr("Save Scene"), tr("Could not save %1:\n%2").arg(path, e.what()));
         return false;
     }
-    file_ = QFileInfo(path).absoluteFilePath();
-    dirty_ = false;
-    savedUndoCount_ = mq::theHold.undoCount();
-    savedUndoName_ = mq::theHold.undoName();
-    addRecentFile(path);
-    refresh();
+    markSavedAs(path);
     prompt(tr("Saved %1").arg(path));
     return true;
 }

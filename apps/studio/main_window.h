@@ -98,6 +98,8 @@ private:
     void buildCreateMenu(QMenu* menu);
     void rebuildRecentMenu();
     void addRecentFile(const QString& path);
+    // The scene now matches path on disk: its file, clean, a recent file.
+    void markSavedAs(const QString& path);
     void refresh();  // outliner, titles, enabled states
     void select(mq::Node* node);
     void beginEditing(mq::Node* node);

@@ -22,6 +22,8 @@ float filmic(float x) {
     return kKnee + (1.0f - kKnee) * (1.0f - std::exp(-(x - kKnee) / (1.0f - kKnee)));
 }
 
+}  // namespace
+
 uint8_t toSrgb8(float linear, const DisplayTransform& display, float scale) {
     float c = std::isfinite(linear) ? std::max(linear * scale, 0.0f) : 0.0f;
     if (display.curve == ToneCurve::Filmic) c = filmic(c);
@@ -29,6 +31,8 @@ uint8_t toSrgb8(float linear, const DisplayTransform& display, float scale) {
     const float s = c <= 0.0031308f ? 12.92f * c : 1.055f * std::pow(c, 1.0f / 2.4f) - 0.055f;
     return uint8_t(std::lround(s * 255.0f));
 }
+
+namespace {
 
 std::string lowerExtension(const std::filesystem::path& p) {
     std::string e = p.extension().string();

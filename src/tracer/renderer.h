@@ -62,6 +62,10 @@ struct DisplayTransform {
     ToneCurve curve = ToneCurve::Linear;
 };
 
+// One channel of an 8-bit output, as written: linear times scale
+// (2^exposure, computed once by the caller), through the curve, then sRGB.
+uint8_t toSrgb8(float linear, const DisplayTransform& display, float scale);
+
 struct RenderSettings {
     int width = 640;
     int height = 480;
