@@ -53,13 +53,8 @@ int main(int argc, char** argv) {
     if (parser.positionalArguments().size() > 1)
         return fail(kExitUsage,
                     "expected one scene file, found " + parser.positionalArguments().join(' '));
-    // Opening the library browser from here waits for the Base rollout's
-    // "..." button to be reachable by name.
-    if ((grabbing && grabWhat == "lib-browser") || parser.isSet(browser))
-        return fail(kExitUsage,
-                    (grabbing && grabWhat == "lib-browser" ? "--grab " + grabWhat
-                                                           : QString("--open-browser")) +
-                        ": not available yet");
+    if (grabbing && grabWhat == "lib-browser" && !parser.isSet(browser))
+        return fail(kExitUsage, "--grab lib-browser needs --open-browser PATH");
 
     // The host exists before any plug-in, as the command line makes it; the
     // window after them, so its Create menu lists the classes they bring.
@@ -89,6 +84,8 @@ int main(int argc, char** argv) {
             std::cerr << "mosaiq-studio: error: " << text.toStdString() << "\n";
             inputError = kExitInput;
         };
+        // A grab never saves; what --open-browser changed is dropped.
+        window.askToSave = [](const QString&) { return QMessageBox::Discard; };
     }
     if (!parser.positionalArguments().isEmpty())
         window.openScene(parser.positionalArguments().front());
@@ -97,16 +94,28 @@ int main(int argc, char** argv) {
                            "--select: no node named \"" + parser.value(select) + "\" in the scene");
     if (grabbing && inputError) return inputError;
     window.show();
-    if (!grabbing) return app.exec();
+    if (!grabbing) {
+        if (parser.isSet(browser))
+            QTimer::singleShot(0, &window,
+                               [&] { window.openLibraryBrowser(parser.value(browser)); });
+        return app.exec();
+    }
 
     // Grab once the window has been laid out and painted.
     int code = 0;
-    QTimer::singleShot(0, &window, [&] {
+    const QString file = parser.value(out);
+    const auto save = [&](QWidget& what) {
         QApplication::processEvents();
-        const QString file = parser.value(out);
-        QWidget* what = grabWhat == "command-panel" ? window.commandPanel() : &window;
-        if (!what->grab().save(file, "PNG"))
+        if (!what.grab().save(file, "PNG"))
             code = fail(kExitOutput, file + ": could not write the picture");
+    };
+    QTimer::singleShot(0, &window, [&] {
+        if (grabWhat == "lib-browser") {
+            if (!window.openLibraryBrowser(parser.value(browser), save) && !code)
+                code = inputError ? inputError : kExitInput;
+        } else {
+            save(grabWhat == "command-panel" ? *window.commandPanel() : window);
+        }
         app.quit();
     });
     app.exec();

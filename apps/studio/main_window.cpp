@@ -1,5 +1,6 @@
 #include "main_window.h"
 
+#include "qt_ui/qt_dialog.h"
 #include "qt_ui/qt_host_ui.h"
 
 #include "image_window.h"
@@ -68,7 +69,8 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
     outliner_->setObjectName("outliner");
     connect(outliner_, &SceneOutliner::nodeSelected, this, [this](mq::Node* n) {
         if (ui_ && ui_->picking() && n) {
-            ui_->pickNode(n);
+            if (!ui_->pickNode(n))
+                prompt(tr("%1 cannot be picked here").arg(QString::fromStdString(n->GetName())));
             outliner_->selectNode(selected_);
             return;
         }
@@ -297,6 +299,10 @@ void MainWindow::attachUI(QtHostUI* ui) {
         imageWindow_->show();
         imageWindow_->raise();
     });
+    // An object picking its own node would evaluate itself.
+    ui->setPickFilter([this](const QtDialogWindow&, int, const mq::Node& node) {
+        return node.GetObjectRef() != edited_;
+    });
     ui->onPickMode = [this](bool picking) {
         prompt(picking ? tr("Click a node in the outliner to pick it") : QString());
     };
@@ -326,6 +332,62 @@ void MainWindow::withEditingClosed(const std::function<void()>& change) {
     const auto nodes = ip_.scene().allNodes();
     if (keep && std::find(nodes.begin(), nodes.end(), keep) != nodes.end() && keep == selected_)
         beginEditing(keep);
+}
+
+namespace {
+
+// A dialog's button by its label, as the user finds it.
+QAbstractButton* buttonLabelled(QWidget& dialog, const QString& label) {
+    for (QAbstractButton* b : dialog.findChildren<QAbstractButton*>())
+        if (b->text() == label) return b;
+    return nullptr;
+}
+
+}  // namespace
+
+bool MainWindow::openLibraryBrowser(const QString& folder,
+                                    const std::function<void(QWidget& browser)>& shown) {
+    const QString title = tr("Library Browser");
+    if (!ui_ || rendering()) return false;
+    if (!QFileInfo(folder).isDir()) {
+        reportError(title, tr("%1: no such folder").arg(folder));
+        return false;
+    }
+    mq::ClassDesc* mosaiq = mq::classDirectory().findByInternalName(kMosaiqClass);
+    if (!mosaiq) {
+        reportError(title, tr("No Mosaiq plug-in was loaded"));
+        return false;
+    }
+    const auto isMosaiq = [mosaiq](const mq::Node* node) {
+        const mq::Object* obj = node ? node->GetObjectRef() : nullptr;
+        return obj && obj->ClassID() == mosaiq->ClassID();
+    };
+    if (!isMosaiq(selected_)) {
+        const std::vector<mq::Node*> nodes = ip_.scene().allNodes();
+        const auto first = std::find_if(nodes.begin(), nodes.end(), isMosaiq);
+        if (first != nodes.end())
+            select(*first);
+        else if (!createObject(kMosaiqClass))
+            return false;
+    }
+    QtDialogWindow* base = ui_->page("Base Parameters");
+    QAbstractButton* browse = base ? buttonLabelled(*base, "...") : nullptr;
+    if (!browse) {
+        reportError(title, tr("The Mosaiq object shows no \"Base Parameters\" rollout"));
+        return false;
+    }
+    if (!browse->isEnabled())
+        if (QAbstractButton* fromFile = buttonLabelled(*base, "From File")) fromFile->click();
+    // In the browser, its own "..." picks the folder.
+    ui_->onNextModal(
+        [this, folder, shown](QtDialogWindow& browser) {
+            ui_->answerFolderPicker(QFileInfo(folder).absoluteFilePath().toStdString());
+            if (QAbstractButton* pick = buttonLabelled(browser, "...")) pick->click();
+            if (shown) shown(browser);
+        },
+        /*handOver=*/!shown);
+    browse->click();
+    return true;
 }
 
 bool MainWindow::selectNodeByName(const QString& name) {

@@ -72,6 +72,12 @@ public:
     void attachUI(QtHostUI* ui);
     // Close the rollouts of the object being edited, if any.
     void endEditing();
+    // Open the library browser on folder for a Mosaiq object's pattern file:
+    // the selected one, else the scene's first, else a new one, switched to
+    // take its pattern from a file. shown, when set, runs once the browser
+    // is up and then closes it; without it the user works the browser.
+    bool openLibraryBrowser(const QString& folder,
+                            const std::function<void(QWidget& browser)>& shown = {});
 
     SceneOutliner* outliner() const { return outliner_; }
     ImageWindow* imageWindow() const { return imageWindow_.get(); }

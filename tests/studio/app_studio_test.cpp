@@ -1,9 +1,11 @@
 // The studio's main window and frame buffer, driven through their widgets
 // on Qt's offscreen platform: opening, selecting and editing nodes, a failed
-// load or save, rendering and cancelling.
+// load or save, the library browser, rendering and cancelling.
 #include "image_window.h"
 #include "main_window.h"
 #include "outliner.h"
+#include "qt_ui/qt_controls.h"
+#include "qt_ui/qt_dialog.h"
 #include "qt_ui/qt_host_ui.h"
 
 #include "host/hold.h"
@@ -12,6 +14,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QFile>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -54,8 +57,8 @@ private slots:
         host_.reset();
     }
 
-    // The selected object's rollouts fill the command panel, and close
-    // before an undo deletes their object.
+    // The selected object's rollouts fill the command panel, pick nodes from
+    // the outliner, and close before an undo deletes their object.
     void rolloutsFollowTheSelection() {
         MainWindow& w = *window_;
         auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
@@ -68,12 +71,62 @@ private slots:
         QVERIFY(std::find(pages.begin(), pages.end(), "Base Parameters") != pages.end());
         QCOMPARE(w.commandPanel(), ui->commandPanel());
 
+        // With the surface's pick button waiting, an outliner click picks
+        // that node (not the object's own) and the selection stays.
+        QPushButton* pick = nullptr;
+        for (QPushButton* b : ui->page("Surface")->findChildren<QPushButton*>())
+            if (b->isCheckable() && b->text() == "Surface") pick = b;
+        QVERIFY(pick);
+        QTest::mouseClick(pick, Qt::LeftButton);
+        QVERIFY(ui->picking());
+        QTreeWidgetItem* self = w.outliner()->findItems("Mosaiq001", Qt::MatchExactly).front();
+        QTest::mouseClick(w.outliner()->viewport(), Qt::LeftButton, {},
+                          w.outliner()->visualItemRect(self).center());
+        QVERIFY2(ui->picking(), "an object cannot pick its own node");
+        QTreeWidgetItem* item = w.outliner()->findItems("Pattern", Qt::MatchExactly).front();
+        QTest::mouseClick(w.outliner()->viewport(), Qt::LeftButton, {},
+                          w.outliner()->visualItemRect(item).center());
+        QVERIFY(!ui->picking());
+        QCOMPARE(pick->text(), QString("Pattern"));
+        QCOMPARE(QString::fromStdString(w.selectedNode()->GetName()), QString("Mosaiq001"));
+
         QVERIFY(w.createObject("PatternPattern"));
         QVERIFY(!ui->pageTitles().empty());
         w.undo();  // deletes the object whose rollouts are open
         QVERIFY(ui->pageTitles().empty());
         QVERIFY(w.selectNodeByName("Surface"));
         QVERIFY(ui->pageTitles().empty());  // a primitive has no rollouts here
+    }
+
+    // The browser opens on a folder for the scene's Mosaiq object, which
+    // takes the chosen file as its pattern.
+    void libraryBrowserChoosesThePatternFile() {
+        MainWindow& w = *window_;
+        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
+        mosaiq::studio::QtHostUI* ui = owned.get();
+        host_->setUI(std::move(owned));
+        w.attachUI(ui);
+        QVERIFY(w.openScene(kSimple));
+        const QString folder = QStringLiteral(MOSAIQ_SOURCE_DIR "/examples/patterns");
+        bool shown = false;
+        QVERIFY(w.openLibraryBrowser(folder, [&](QWidget& browser) {
+            shown = true;
+            // The files are the right-hand view.
+            QWidget* files = nullptr;
+            for (QWidget* v : browser.findChildren<mosaiq::studio::QtView*>())
+                if (!files || v->x() > files->x()) files = v;
+            QTest::mouseClick(files, Qt::LeftButton, {}, QPoint(5 + 40, 5 + 40));
+            for (QPushButton* b : browser.findChildren<QPushButton*>())
+                if (b->text() == "Select File") b->click();
+        }));
+        QVERIFY(shown);
+        QCOMPARE(QString::fromStdString(w.selectedNode()->GetName()), QString("Mosaiq001"));
+        QStringList edits;
+        for (QLineEdit* e : ui->page("Base Parameters")->findChildren<QLineEdit*>())
+            if (e->isEnabled()) edits << e->text();
+        QVERIFY2(edits.contains(folder + "/chainmail.obj"), qPrintable(edits.join(", ")));
+        QVERIFY(!w.openLibraryBrowser("/no/such/folder"));
+        QVERIFY(errors_.size() == 1 && errors_[0].contains("/no/such/folder"));
     }
 
     // Open a scene, select its Mosaiq node by a click in the outliner, then

@@ -211,8 +211,8 @@ void QtHostUI::cancelPick() {
 
 // ---- Modal dialogs ----
 
-void QtHostUI::onNextModal(std::function<void(QtDialogWindow&)> driver) {
-    modalDrivers_.push_back(std::move(driver));
+void QtHostUI::onNextModal(std::function<void(QtDialogWindow&)> driver, bool handOver) {
+    modalDrivers_.push_back({std::move(driver), handOver});
 }
 
 int QtHostUI::runModal(const mq::ui::DialogTemplate& tmpl, mq::ui::DialogProc& proc) {
@@ -233,11 +233,12 @@ int QtHostUI::runModal(const mq::ui::DialogTemplate& tmpl, mq::ui::DialogProc& p
     window->paintViews();
     if (!window->ended()) {
         if (!modalDrivers_.empty()) {
-            std::function<void(QtDialogWindow&)> driver = std::move(modalDrivers_.front());
+            ModalDriver driver = std::move(modalDrivers_.front());
             modalDrivers_.pop_front();
             QTimer::singleShot(0, &dialog, [window, driver] {
-                if (driver) driver(*window);
-                if (!window->ended()) window->sendClose();
+                if (driver.drive) driver.drive(*window);
+                if (driver.handOver || window->ended()) return;
+                window->sendClose();
                 // A procedure that ignores Close keeps a real dialog open; a driven one ends.
                 if (!window->ended()) window->endDialog(mq::ui::kIdCancel);
             });

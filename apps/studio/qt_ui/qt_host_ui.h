@@ -84,8 +84,9 @@ public:
 
     // Tests and scripted runs: what the user does in the next modal dialog,
     // run once its event loop shows it; a driver that leaves it open closes
-    // it as the user would. Without a queued driver the user works it.
-    void onNextModal(std::function<void(QtDialogWindow&)> driver);
+    // it as the user would, unless handOver leaves it to the user from there.
+    // Without a queued driver the user works it.
+    void onNextModal(std::function<void(QtDialogWindow&)> driver, bool handOver = false);
     QtDialogWindow* modal() const { return modal_; }
     // Answers for the next message box, folder picker and open-file dialog;
     // without one queued the real Qt dialog asks the user.
@@ -115,7 +116,11 @@ private:
     PickFilter pickFilter_;
     QPointer<QtDialogWindow> pickWindow_;
     int pickControl_ = 0;
-    std::deque<std::function<void(QtDialogWindow&)>> modalDrivers_;
+    struct ModalDriver {
+        std::function<void(QtDialogWindow&)> drive;
+        bool handOver = false;
+    };
+    std::deque<ModalDriver> modalDrivers_;
     QtDialogWindow* modal_ = nullptr;
     std::deque<int> boxAnswers_;
     std::deque<std::optional<std::string>> folderAnswers_, fileAnswers_;
