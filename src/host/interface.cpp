@@ -296,7 +296,16 @@ int HostInterface::UnRegisterDlgWnd(ui::DialogWindow* window) {
 }
 
 void HostInterface::DeleteMode(CommandMode* mode) {
+    if (mode && mode == current_) SetCommandMode(nullptr);
     modes_.erase(std::remove(modes_.begin(), modes_.end(), mode), modes_.end());
+}
+
+void HostInterface::SetCommandMode(CommandMode* mode) {
+    if (mode == current_) return;
+    if (current_) current_->ExitMode();
+    current_ = mode;
+    if (current_) current_->EnterMode();
+    if (onCommandModeChanged) onCommandModeChanged(current_);
 }
 
 }  // namespace mq

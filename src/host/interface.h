@@ -38,11 +38,17 @@ private:
 
 class ISave {};
 
-// An interactive mode of the viewports (move, rotate, scale the crop box...).
+class MouseCallBack;
+
+// An interactive mode of the viewports (move, rotate, scale the crop box...):
+// while it is the current mode the viewports send it their mouse messages.
 class CommandMode {
 public:
     virtual ~CommandMode() = default;
     virtual const char* name() const = 0;
+    virtual MouseCallBack* MouseProc() { return nullptr; }
+    virtual void EnterMode() {}
+    virtual void ExitMode() {}
 };
 
 // Merge options.
@@ -153,6 +159,18 @@ public:
     void AddCommandMode(CommandMode* mode) { modes_.push_back(mode); }
     void DeleteMode(CommandMode* mode);
     const std::vector<CommandMode*>& commandModes() const { return modes_; }
+    // The mode the viewports' mouse goes to; null for the host's own
+    // (select and navigate). Setting one exits the previous mode and
+    // enters the new; DeleteMode of the current one leaves it first.
+    void SetCommandMode(CommandMode* mode);
+    CommandMode* GetCommandMode() const { return current_; }
+    std::function<void(CommandMode*)> onCommandModeChanged;
+
+    // Ask the viewports to draw again (an object's look changed).
+    void RedrawViews() {
+        if (onRedrawViews) onRedrawViews();
+    }
+    std::function<void()> onRedrawViews;
 
 protected:
     void setLastError(std::string e) { lastError_ = std::move(e); }
@@ -170,6 +188,7 @@ private:
     std::vector<RollupPage> pages_;
     int nextPageId_ = 1;
     std::vector<CommandMode*> modes_;
+    CommandMode* current_ = nullptr;
 };
 
 // The interface of the running host; null before one is made. The newest

@@ -6,6 +6,7 @@
 #include "host/math.h"
 #include "host/mesh.h"
 #include "host/paramblock.h"
+#include "host/viewport.h"
 
 #include <filesystem>
 #include <string>
@@ -55,6 +56,18 @@ public:
     virtual int NumParamBlocks() { return 0; }
     virtual ParamBlock* GetParamBlock(int i) { return nullptr; }
     virtual ParamBlock* GetParamBlockByID(BlockID id) { return nullptr; }
+
+    // Viewports. An object that draws itself (hasOwnDisplay) draws through
+    // vpt's graphics window in Display, in world space, and answers hit
+    // tests the same way; the viewport draws any other object's mesh
+    // itself. flags holds DISP_SELECTED. HitTest returns whether the
+    // object touches the window's hit region.
+    virtual bool hasOwnDisplay() const { return false; }
+    virtual int Display(TimeValue t, Node* node, ViewExp& vpt, int flags) { return 0; }
+    virtual int HitTest(TimeValue t, Node* node, int flags, ViewExp& vpt) { return 0; }
+    // What a viewport click-and-drag does while this object is created; null
+    // when the host just places it at the click.
+    virtual CreateMouseCallBack* GetCreateMouseCallBack() { return nullptr; }
 
     // Object-space bounds at t; empty when the object has no geometry.
     virtual Box3 objectBounds(TimeValue t);

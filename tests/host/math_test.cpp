@@ -1,5 +1,6 @@
 #include "host/math.h"
 #include "host/suggest.h"
+#include "host/view_camera.h"
 
 #include "support/test_util.h"
 
@@ -40,6 +41,54 @@ TEST(Matrix3, OrthogonalizeNoScaleNoTransLeavesRotationKeepingMirroring) {
         EXPECT_EQ(m.Determinant() < 0, before.Determinant() < 0);
         EXPECT_EQ(m.GetTrans(), Point3());
         expectNear(m[0], Normalize(before[0]));  // row 0 keeps its direction
+    }
+}
+
+// A pixel's ray passes through what projects to that pixel, in both kinds
+// of view; the hit test finds a face under the cursor and an edge beside it.
+TEST(ViewCamera, RaysAndProjectionAgreeAndHitTestsFindWhatIsDrawn) {
+    for (bool perspective : {true, false}) {
+        ViewCamera cam = ViewCamera::lookAt({30, -40, 25}, {0, 0, 0});
+        cam.perspective = perspective;
+        cam.width = 320;
+        cam.height = 200;
+        const Ray r = cam.screenRay(100.0f, 50.0f);
+        float x, y;
+        ASSERT_TRUE(cam.project(r.p + r.dir * 20.0f, x, y));
+        EXPECT_NEAR(x, 100.0f, 1e-2f);
+        EXPECT_NEAR(y, 50.0f, 1e-2f);
+        ASSERT_TRUE(cam.project({0, 0, 0}, x, y));
+        EXPECT_NEAR(x, 160.0f, 1e-2f);  // the target is at the centre
+        EXPECT_NEAR(y, 100.0f, 1e-2f);
+
+        // A ground quad around the origin, drawn through an offset transform.
+        const Point3 quad[] = {{-6, -6, 0}, {4, -6, 0}, {4, 4, 0}, {-6, 4, 0}};
+        const int tris[] = {0, 1, 2, 0, 2, 3};
+        HitTestWindow gw(cam);
+        gw.setTransform(TransMatrix({1, 1, 0}));
+        HitRegion at{160, 100, 3};
+        gw.setHitRegion(&at);
+        gw.triangles(quad, 4, tris, 2);
+        EXPECT_TRUE(gw.checkHitCode());
+        EXPECT_NEAR(gw.hitDistance(), Length(cam.eye()), 0.5f);
+        gw.clearHitCode();
+        HitRegion corner{0, 0, 3};
+        gw.setHitRegion(&corner);
+        gw.triangles(quad, 4, tris, 2);
+        EXPECT_FALSE(gw.checkHitCode());
+        // A segment two pixels beside the region's centre is within its reach.
+        float ex, ey;
+        ASSERT_TRUE(cam.project({5, 5, 0}, ex, ey));
+        HitRegion beside{int(ex) + 2, int(ey), 3};
+        gw.setHitRegion(&beside);
+        const Point3 edge[] = {{-10, 4, 0}, {10, 4, 0}, {4, -10, 0}, {4, 10, 0}};
+        gw.segments(edge, 4);
+        EXPECT_TRUE(gw.checkHitCode());
+
+        gw.setHitRegion(nullptr);
+        gw.polyline(quad, 4, true);
+        EXPECT_EQ(gw.drawn().segments, 4);
+        expectNear(gw.drawn().bounds.pmax, Point3(5, 5, 0));
     }
 }
 
