@@ -1,5 +1,7 @@
 #include "host/hold.h"
 
+#include "host/changes.h"
+
 namespace mq {
 
 Hold theHold;
@@ -15,6 +17,7 @@ void Hold::Accept(const std::string& name) {
     undo_.push_back(Step{name, std::move(open_)});
     open_.clear();
     redo_.clear();
+    sceneChanges().notify();
 }
 
 void Hold::Cancel() {
@@ -27,6 +30,7 @@ void Hold::Cancel() {
         open_.pop_back();
     }
     replaying_ = false;
+    sceneChanges().notify();
 }
 
 void Hold::Put(std::unique_ptr<RestoreObj> rob) {
@@ -42,6 +46,7 @@ bool Hold::Undo() {
     for (auto it = step.changes.rbegin(); it != step.changes.rend(); ++it) (*it)->Restore(true);
     replaying_ = false;
     redo_.push_back(std::move(step));
+    sceneChanges().notify();
     return true;
 }
 
@@ -53,6 +58,7 @@ bool Hold::Redo() {
     for (auto& change : step.changes) change->Redo();
     replaying_ = false;
     undo_.push_back(std::move(step));
+    sceneChanges().notify();
     return true;
 }
 

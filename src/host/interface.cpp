@@ -1,5 +1,6 @@
 #include "host/interface.h"
 
+#include "host/changes.h"
 #include "host/hold.h"
 #include "host/import.h"
 #include "host/material_import.h"
@@ -83,6 +84,7 @@ HostInterface::~HostInterface() {
 void HostInterface::setScene(std::unique_ptr<Scene> scene) {
     theHold.Reset();
     scene_ = scene ? std::move(scene) : std::make_unique<Scene>();
+    sceneChanges().notify();
 }
 
 std::unique_ptr<Scene> HostInterface::takeScene() {
@@ -190,6 +192,7 @@ int HostInterface::merge(const std::string& name, bool mergeAll, int dupAction,
             root->attachChild(std::move(moved));
         }
         iload.runPostLoadCallbacks();
+        sceneChanges().notify();
         return 1;
     } catch (const std::exception& e) {
         setLastError(e.what());
@@ -208,6 +211,7 @@ void HostInterface::DeleteNode(Node* node, bool redraw, bool overrideSlaves) {
         moved->SetNodeTM(0, world);
     }
     std::unique_ptr<Node> gone = node->detach();
+    sceneChanges().notify();
 }
 
 std::string HostInterface::GetDir(int which) {

@@ -1,5 +1,6 @@
 #include "host/paramblock.h"
 
+#include "host/changes.h"
 #include "host/ui/param_map.h"
 
 #include "host/classdesc.h"
@@ -323,6 +324,7 @@ void ParamBlock::store(Slot& s, int tabIndex, ParamValue v) {
     s.values[tabIndex] = std::move(v);
     // Open rollouts show every change, whoever makes it (code, undo, a script).
     desc_->showInOpenMaps(*this, s.def->id, tabIndex);
+    sceneChanges().notify();
 }
 
 bool ParamBlock::setRawValue(ParamID id, int tabIndex, const ParamValue& v) {
