@@ -13,6 +13,7 @@
 #include "host/object.h"
 #include "host/paramblock.h"
 #include "host/pattern_tools.h"
+#include "object/viewport.h"
 #include "render/settings.h"
 #include "tracer/protocol.h"
 
@@ -106,6 +107,15 @@ public:
     // successful load.
     const std::string& lastPatternError() const { return lastPatternError_; }
 
+    // The crop box as the viewports show it, from the parameter block at
+    // time 0; node is the Mosaiq object's own node (null: the origin).
+    CropFrame cropFrame(mq::Node* node) const;
+    // Write "Crop_Size" (each at least the parameter's minimum) and
+    // "Crop_Transfrom" at time 0, and the working copy; no hold of its own.
+    void setCropBox(const mq::Point3& size, const mq::Matrix3& transform) {
+        writeCropBox(size, transform);
+    }
+
     // What a render reads of the object, from the parameter block at time 0.
     mq::MosaiqSettings renderSettings() const;
 
@@ -142,6 +152,13 @@ public:
     mq::Mesh* GetRenderMesh(mq::TimeValue t, mq::Node* node, mq::View& view,
                             bool& needDelete) override;
     void* GetInterface(uint32_t id) override;
+    // Viewports (viewport.cpp): the logo under the node's transform scaled
+    // by "Dummy_Size", the crop box and the pattern's point cloud. Cheap:
+    // nothing is built per call. The hit test sees the logo and the box.
+    bool hasOwnDisplay() const override { return true; }
+    int Display(mq::TimeValue t, mq::Node* node, mq::ViewExp& vpt, int flags) override;
+    int HitTest(mq::TimeValue t, mq::Node* node, int flags, mq::ViewExp& vpt) override;
+    mq::CreateMouseCallBack* GetCreateMouseCallBack() override { return &createCallBack_; }
     void ReleaseInterface(uint32_t id, void* i) override;
     mq::IOResult Save(mq::ISave* isave) override;
     mq::IOResult Load(mq::ILoad* iload) override;
@@ -194,6 +211,7 @@ private:
     bool renderReady_ = false;
     std::string lastPatternError_;
     std::unique_ptr<mq::IPatternTools> patternTools_;
+    PatternCreateCallBack createCallBack_{this};
     // Move, rotate, uniform scale, non-uniform scale, squash; while editing.
     std::array<std::unique_ptr<mq::CommandMode>, 5> cropModes_;
 };
