@@ -3,6 +3,8 @@
 #include "host/interface.h"
 #include "host/node.h"
 #include "host/scenefile.h"
+#include "host/view_camera.h"
+#include "object/cropmodes.h"
 #include "object/params.h"
 #include "support/mosaiq_test.h"
 #include "support/test_util.h"
@@ -335,6 +337,196 @@ TEST_F(Pattern, PickingSamplesAndResetsAtOnceWithoutAStepOfItsOwn) {
     EXPECT_EQ(obj_->patternStore().box.pmax, kHi);
     setSource(kSourceScene);
     EXPECT_EQ(obj_->patternStore().box.pmax, Point3(2, 2, 2));
+}
+
+// ---- The object in a headless viewport ----
+
+// A top view, orthographic, 0.1 units per pixel, centred above target.
+mq::ViewCamera topView(const Point3& target) {
+    mq::ViewCamera cam = mq::ViewCamera::lookAt(target + Point3(0, 0, 100), target);
+    cam.perspective = false;
+    cam.orthoHeight = 48;
+    return cam;
+}
+
+mq::IPoint2 pixelOf(const mq::ViewCamera& cam, const Point3& p) {
+    float x, y;
+    EXPECT_TRUE(cam.project(p, x, y));
+    return {int(std::lround(x)), int(std::lround(y))};
+}
+
+TEST_F(Pattern, DisplayDrawsLogoBoxAndPointsAndHitTestSkipsThePoints) {
+    std::unique_ptr<mq::Node> pattern = boxNode(mq::TransMatrix({50, 0, 0}));
+    useNode(pattern.get());
+    setCropBox({10, 20, 30}, mq::TransMatrix({1, 2, 3}));
+    pb_->SetValue(kDummySize, 0, 2.0f);
+    mq::Node self("Mosaiq");
+    self.setLocalTM(mq::TransMatrix({-100, 0, 0}));
+
+    const mq::ViewCamera cam = topView({51, 2, 3});
+    for (int flags : {0, mq::DISP_SELECTED}) {
+        mq::HitTestWindow gw(cam);
+        mq::CameraViewExp vpt(cam, gw);
+        obj_->Display(0, &self, vpt, flags);
+        const auto& drawn = gw.drawn();
+        EXPECT_EQ(drawn.triangles, logoMesh().triangleCount());
+        EXPECT_EQ(drawn.segments, 12);
+        EXPECT_EQ(drawn.points, mq::PatternPointCloud::kPointCount);
+        EXPECT_EQ(drawn.lastColor, flags ? kPointSelColor : kPointColor);
+        // The logo (unit wide, scaled by 2 at x = -100) is the lowest x; the
+        // box and the points lie on the pattern at the node's pivot.
+        expectNear(drawn.bounds.pmin, Point3(-101, -8, -12), 1e-4f);
+        expectNear(drawn.bounds.pmax, Point3(56, 12, 18), 1e-4f);
+    }
+
+    mq::HitTestWindow gw(cam);
+    mq::CameraViewExp vpt(cam, gw);
+    auto hits = [&](const mq::ViewCamera& view, const Point3& p) {
+        const mq::IPoint2 px = pixelOf(view, p);
+        const mq::HitRegion region{px.x, px.y, 3};
+        mq::HitTestWindow hw(view);
+        hw.setHitRegion(&region);
+        mq::CameraViewExp v(view, hw);
+        return obj_->HitTest(0, &self, 0, v) != 0;
+    };
+    EXPECT_TRUE(hits(cam, {46, 2, 18})) << "a box edge";
+    EXPECT_FALSE(hits(cam, {51, 2, 3})) << "inside the box: only points there";
+    EXPECT_FALSE(hits(cam, {30, 30, 0})) << "empty space";
+    EXPECT_TRUE(hits(topView({-100, 0, 0}), {-99.7f, 0.3f, 0.1f})) << "the logo";
+}
+
+TEST_F(Pattern, ClickDragSetsTheIconSizeAndAClickKeepsTheDefault) {
+    mq::ViewCamera cam = mq::ViewCamera::lookAt({0, -100, 100}, {0, 0, 0});
+    mq::HitTestWindow gw(cam);
+    mq::CameraViewExp vpt(cam, gw);
+    mq::CreateMouseCallBack* create = obj_->GetCreateMouseCallBack();
+    ASSERT_NE(create, nullptr);
+    auto onPlane = [&](int x, int y) {
+        Point3 p;
+        EXPECT_TRUE(vpt.mapScreenToConstructionPlane(float(x), float(y), p));
+        return p;
+    };
+    Matrix3 tm;
+    using mq::MouseMsg;
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Point, 0, 0, {300, 200}, tm), mq::CREATE_CONTINUE);
+    expectNear(tm.GetTrans(), onPlane(300, 200), 1e-4f);
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Move, 1, 0, {350, 260}, tm), mq::CREATE_CONTINUE);
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Point, 1, 0, {380, 260}, tm), mq::CREATE_STOP);
+    expectNear(tm.GetTrans(), onPlane(300, 200), 1e-4f);
+    EXPECT_NEAR(pb_->GetFloat(kDummySize), Length(onPlane(380, 260) - onPlane(300, 200)), 1e-3f);
+
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Point, 0, 0, {300, 200}, tm), mq::CREATE_CONTINUE);
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Point, 1, 0, {302, 201}, tm), mq::CREATE_STOP);
+    EXPECT_EQ(pb_->GetFloat(kDummySize), 1.0f);
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Point, 0, 0, {300, 200}, tm), mq::CREATE_CONTINUE);
+    EXPECT_EQ(create->proc(vpt, MouseMsg::Abort, 1, 0, {300, 200}, tm), mq::CREATE_ABORT);
+}
+
+TEST_F(Pattern, EachCropModeDragIsOneUndoStepAndAbortRestoresTheBox) {
+    const Point3 size0{10, 20, 30};
+    const Matrix3 tm0 = mq::TransMatrix({1, 2, 3});
+    const Point3 c{1, 2, 3};
+    const mq::ViewCamera cam = topView(c);
+    mq::HitTestWindow gw(cam);
+    mq::CameraViewExp vpt(cam, gw);
+    const float gizmo = CropBoxCMode::kGizmoPixels * cam.pixelSizeAt(c);  // 8 units
+    const float r = gizmo * std::numbers::sqrt2_v<float> / 2;
+    struct Drag {
+        std::unique_ptr<CropBoxCMode> mode;
+        Point3 from, to;  // world points under the cursor
+        GizmoPart part;
+        std::function<void(const Point3& size, const Matrix3& tm)> check;
+    };
+    std::vector<Drag> drags;
+    drags.push_back({std::make_unique<MoveModBoxCMode>(obj_.get(), &ip_),
+                     c + Point3(gizmo / 2, 0, 0), c + Point3(gizmo / 2 + 10, 0, 0), GizmoPart::X,
+                     [&](const Point3& size, const Matrix3& tm) {
+                         EXPECT_EQ(size, size0);
+                         expectNear(tm.GetTrans(), Point3(11, 2, 3), 0.02f);
+                     }});
+    drags.push_back({std::make_unique<MoveModBoxCMode>(obj_.get(), &ip_), c, c + Point3(1, -1, 0),
+                     GizmoPart::Center, [&](const Point3&, const Matrix3& tm) {
+                         expectNear(tm.GetTrans(), Point3(2, 1, 3), 0.02f);
+                     }});
+    drags.push_back({std::make_unique<RotateModBoxCMode>(obj_.get(), &ip_), c + Point3(r, r, 0),
+                     c + Point3(-r, r, 0), GizmoPart::Z,
+                     [&](const Point3& size, const Matrix3& tm) {
+                         EXPECT_EQ(size, size0);
+                         // A quarter turn about the box's z, about its centre.
+                         expectNear(tm.GetRow(0), Point3(0, 1, 0), 0.02f);
+                         expectNear(tm.GetRow(1), Point3(-1, 0, 0), 0.02f);
+                         expectNear(tm.GetRow(2), Point3(0, 0, 1), 1e-5f);
+                         EXPECT_EQ(tm.GetTrans(), c);
+                     }});
+    drags.push_back({std::make_unique<UScaleModBoxCMode>(obj_.get(), &ip_), c, c + Point3(0, 10, 0),
+                     GizmoPart::Center,  // 100 pixels up
+                     [&](const Point3& size, const Matrix3& tm) {
+                         expectNear(size, size0 * 2.0f, 1e-3f);
+                         EXPECT_EQ(tm, tm0);
+                     }});
+    drags.push_back(
+        {std::make_unique<NUScaleModBoxCMode>(obj_.get(), &ip_), c + Point3(gizmo, 0, 0),
+         c + Point3(2 * gizmo, 0, 0), GizmoPart::X,
+         [&](const Point3& size, const Matrix3&) { expectNear(size, Point3(20, 20, 30), 0.15f); }});
+    drags.push_back({std::make_unique<SquashModBoxCMode>(obj_.get(), &ip_), c + Point3(0, gizmo, 0),
+                     c + Point3(0, 2 * gizmo, 0), GizmoPart::Y,
+                     [&](const Point3& size, const Matrix3&) {
+                         EXPECT_NEAR(size.y, 40, 0.3f);
+                         EXPECT_NEAR(size.x / size.z, 1.0f / 3.0f, 1e-5f);
+                         EXPECT_NEAR(size.x * size.y * size.z, 6000, 6000 * 1e-5f) << "volume kept";
+                     }});
+
+    using mq::MouseMsg;
+    for (Drag& d : drags) {
+        SCOPED_TRACE(d.mode->name());
+        setCropBox(size0, tm0);
+        mq::theHold.Reset();
+        CropBoxCMode& mode = *d.mode;
+        const mq::IPoint2 from = pixelOf(cam, d.from), to = pixelOf(cam, d.to);
+        mode.proc(vpt, MouseMsg::FreeMove, 0, 0, from);
+        EXPECT_EQ(mode.highlighted(), d.part);
+        mode.proc(vpt, MouseMsg::Point, 0, 0, from);
+        ASSERT_TRUE(mode.dragging());
+        mode.proc(vpt, MouseMsg::Move, 1, 0, {(from.x + to.x) / 2, (from.y + to.y) / 2});
+        mode.proc(vpt, MouseMsg::Move, 1, 0, to);
+        mode.proc(vpt, MouseMsg::Point, 1, 0, to);
+        d.check(cropSize(), cropTransform());
+        // The working copy follows the block, for the capture.
+        EXPECT_EQ(obj_->cropSize(), cropSize());
+        EXPECT_EQ(mq::theHold.undoCount(), 1);
+        EXPECT_EQ(mq::theHold.undoName(), mode.name());
+        ASSERT_TRUE(mq::theHold.Undo());
+        EXPECT_EQ(cropSize(), size0);
+        EXPECT_EQ(cropTransform(), tm0);
+
+        // Abort part-way: exactly the box before the press, and no step.
+        mode.proc(vpt, MouseMsg::Point, 0, 0, from);
+        mode.proc(vpt, MouseMsg::Move, 1, 0, to);
+        EXPECT_NE(std::pair(cropSize(), cropTransform()), std::pair(size0, tm0));
+        mode.proc(vpt, MouseMsg::Abort, 0, 0, to);
+        EXPECT_EQ(cropSize(), size0);
+        EXPECT_EQ(cropTransform(), tm0);
+        EXPECT_EQ(obj_->cropSize(), size0);
+        EXPECT_EQ(std::pair(mq::theHold.depth(), mq::theHold.undoCount()), std::pair(0, 0));
+    }
+}
+
+TEST_F(Pattern, ScalingStopsAtTheSizeRange) {
+    setCropBox({10, 20, 30}, Matrix3());
+    const mq::ViewCamera cam = topView({0, 0, 0});
+    mq::HitTestWindow gw(cam);
+    mq::CameraViewExp vpt(cam, gw);
+    SquashModBoxCMode squash(obj_.get(), &ip_);
+    const float gizmo = CropBoxCMode::kGizmoPixels * cam.pixelSizeAt({});
+    // Through the centre and beyond: the factor turns negative.
+    const mq::IPoint2 from = pixelOf(cam, {gizmo, 0, 0}), to = pixelOf(cam, {-gizmo, 0, 0});
+    squash.proc(vpt, mq::MouseMsg::Point, 0, 0, from);
+    squash.proc(vpt, mq::MouseMsg::Move, 1, 0, to);
+    const Point3 size = cropSize();
+    EXPECT_GE(std::min({size.x, size.y, size.z}), 1e-7f);
+    EXPECT_LE(std::max({size.x, size.y, size.z}), 100000.0f);
+    squash.ExitMode();
+    EXPECT_EQ(cropSize(), Point3(10, 20, 30));
 }
 
 }  // namespace
