@@ -105,10 +105,13 @@ bool Mosaiq::loadPatternFile() {
         // The file's pattern replaces the old one even without faces: its
         // empty store leaves no crop box to fit.
         patternStore_ = std::move(cloud);
+        if (HostInterface* ip = GetCOREInterface()) ip->RedrawViews();
         return false;
     }
     lastPatternError_.clear();
     adoptPatternStore(std::move(cloud));
+    // The viewports show the store's points; no parameter changed to tell them.
+    if (HostInterface* ip = GetCOREInterface()) ip->RedrawViews();
     return true;
     MQ_BOUNDARY_END(
         [this](const std::string& what) { lastPatternError_ = "Pattern file: " + what; })
