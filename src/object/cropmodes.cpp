@@ -23,7 +23,8 @@ constexpr float kRadiansPerPixel = 0.01f;
 
 const Point3 kAxisColors[3] = {{0.9f, 0.2f, 0.2f}, {0.2f, 0.8f, 0.2f}, {0.25f, 0.4f, 1.0f}};
 const Point3 kCenterColor{0.85f, 0.85f, 0.85f};
-const Point3 kHighlightColor{1.0f, 0.9f, 0.2f};
+// Paler than the selected box's orange, so a lit handle never reads as the box.
+const Point3 kHighlightColor{1.0f, 1.0f, 0.45f};
 
 // Rotation by angle (radians, right-handed) about the unit axis a, for row vectors.
 Matrix3 axisRotation(const Point3& a, float angle) {

@@ -136,7 +136,7 @@ int Mosaiq::Display(TimeValue t, Node* node, ViewExp& vpt, int flags) {
     if (patternStore_->valid && storeMatches) {
         gw.setTransform(frame.pointsToWorld);
         gw.setColor(selected ? kPointSelColor : kPointColor);
-        gw.points(patternStore_->points.data(), PatternPointCloud::kPointCount, 2.0f);
+        gw.points(patternStore_->points.data(), PatternPointCloud::kPointCount, 1.5f);
     }
     MQ_BOUNDARY_END(reportError)
     return 0;

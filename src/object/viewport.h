@@ -43,8 +43,9 @@ struct CropFrame {
 
 // Display colours: normal and selected (brighter).
 inline const mq::Point3 kLogoColor{0.30f, 0.62f, 0.85f}, kLogoSelColor{0.55f, 0.85f, 1.0f};
-inline const mq::Point3 kBoxColor{0.85f, 0.50f, 0.12f}, kBoxSelColor{1.0f, 0.78f, 0.30f};
-inline const mq::Point3 kPointColor{0.35f, 0.60f, 0.35f}, kPointSelColor{0.55f, 0.95f, 0.55f};
+inline const mq::Point3 kBoxColor{0.85f, 0.50f, 0.12f}, kBoxSelColor{1.0f, 0.64f, 0.18f};
+// Points stay muted: 10,000 of them would drown the box and the gizmos.
+inline const mq::Point3 kPointColor{0.30f, 0.44f, 0.32f}, kPointSelColor{0.42f, 0.66f, 0.44f};
 
 // The 12 edges of a box of size centred on boxToWorld's origin, as 24 world points.
 void cropBoxEdges(const mq::Matrix3& boxToWorld, const mq::Point3& size, mq::Point3 out[24]);
