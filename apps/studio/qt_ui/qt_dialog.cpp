@@ -91,8 +91,11 @@ private:
     void showInEdit() {
         if (QtDialogWindow::Control* edit = window_.find(edit_)) {
             edit->committed = shown();
-            if (auto* line = qobject_cast<QLineEdit*>(edit->widget))
+            if (auto* line = qobject_cast<QLineEdit*>(edit->widget)) {
                 line->setText(QString::fromStdString(edit->committed));
+                // A text wider than the field shows its digits; the unit is what clips.
+                line->setCursorPosition(0);
+            }
         }
     }
 
