@@ -174,7 +174,7 @@ void runBake(mq::HostInterface& ip, const BakeOptions& opt);
 // Returns the exit code: kExitOk, or kExitInterrupted after a Ctrl-C.
 int runRender(mq::HostInterface& ip, const RenderOptions& opt);
 
-// mosaiq material, light, camera and assign (setup.cpp). KEY=VALUE lists
+// mosaiq material, light, camera, assign and units (setup.cpp). KEY=VALUE lists
 // are checked key by key; an empty VALUE takes the key out again.
 struct MaterialOptions {
     std::filesystem::path scene;
@@ -201,10 +201,18 @@ struct AssignOptions {
     std::string node, material;
     std::filesystem::path output;
 };
+// No unit: print the scene's. A unit: make it the scene's (a label for world
+// values; nothing is rescaled) and write.
+struct UnitsOptions {
+    std::filesystem::path scene;
+    std::string unit;
+    std::filesystem::path output;
+};
 void runMaterial(mq::HostInterface& ip, const MaterialOptions& opt);
 void runLight(mq::HostInterface& ip, const LightOptions& opt);
 void runCamera(mq::HostInterface& ip, const CameraOptions& opt);
 void runAssign(mq::HostInterface& ip, const AssignOptions& opt);
+void runUnits(mq::HostInterface& ip, const UnitsOptions& opt);
 // Adds those commands to app; the function returned runs the one parsed.
 std::function<void(mq::HostInterface&)> addSetupCommands(CLI::App& app);
 

@@ -358,6 +358,7 @@ void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     if (opt.json) {
         ojson doc = ojson::object();
         doc["file"] = opt.scene.string();
+        doc["units"] = mq::unitName(scene.units);
         // Nodes depth first, parents before their children.
         ojson nodes = ojson::array();
         for (int i = 0; i < root->NumberOfChildren(); ++i) nodeJson(*root->GetChildNode(i), nodes);
@@ -372,7 +373,8 @@ void runInspect(mq::HostInterface& ip, const InspectOptions& opt) {
     std::ostringstream out;
     const size_t numNodes = scene.allNodes().size(), numMaterials = scene.materials.size();
     out << opt.scene.string() << ": " << numNodes << (numNodes == 1 ? " node, " : " nodes, ")
-        << numMaterials << (numMaterials == 1 ? " material\n" : " materials\n");
+        << numMaterials << (numMaterials == 1 ? " material, " : " materials, ") << "units "
+        << mq::unitName(scene.units) << "\n";
     for (int i = 0; i < root->NumberOfChildren(); ++i) printNode(*root->GetChildNode(i), 0, out);
     std::cout << out.str();
 }

@@ -408,6 +408,24 @@ void runAssign(mq::HostInterface& ip, const AssignOptions& opt) {
     finish(ip, opt.scene, opt.output, opt.scene.string());
 }
 
+void runUnits(mq::HostInterface& ip, const UnitsOptions& opt) {
+    loadSceneOrFail(ip, opt.scene);
+    mq::Scene& scene = ip.scene();
+    if (opt.unit.empty()) {
+        if (!opt.output.empty()) usage("units: -o needs a UNIT to write");
+        std::cout << "units: " << mq::unitName(scene.units) << "\n";
+        return;
+    }
+    const std::optional<mq::SceneUnit> unit = mq::unitFromName(opt.unit);
+    if (!unit) {
+        usage("units: unknown unit " + quoted(opt.unit) +
+              mq::didYouMean(opt.unit, mq::unitNames()) + "; units: " + joined(mq::unitNames()));
+    }
+    scene.units = *unit;
+    std::cout << "units: " << mq::unitName(scene.units) << "\n";
+    finish(ip, opt.scene, opt.output, opt.scene.string());
+}
+
 std::function<void(mq::HostInterface&)> addSetupCommands(CLI::App& app) {
     // The options live as long as the returned function, which main calls
     // after parsing.
@@ -416,6 +434,7 @@ std::function<void(mq::HostInterface&)> addSetupCommands(CLI::App& app) {
         LightOptions light;
         CameraOptions camera;
         AssignOptions assign;
+        UnitsOptions units;
     };
     auto all = std::make_shared<All>();
 
@@ -460,11 +479,20 @@ std::function<void(mq::HostInterface&)> addSetupCommands(CLI::App& app) {
     assign->add_option("MATERIAL", all->assign.material, "Material name")->required();
     assign->add_option("-o,--output", all->assign.output, "Write here instead of SCENE");
 
+    CLI::App* units = app.add_subcommand(
+        "units",
+        "Show or set the scene's unit: generic, mm, cm, m, km, in or ft. World values are "
+        "shown with it; nothing is rescaled");
+    units->add_option("SCENE", all->units.scene, "Scene file")->required();
+    units->add_option("UNIT", all->units.unit, "The unit to set; none: show the scene's");
+    units->add_option("-o,--output", all->units.output, "Write here instead of SCENE");
+
     return [=](mq::HostInterface& ip) {
         if (material->parsed()) runMaterial(ip, all->material);
         if (light->parsed()) runLight(ip, all->light);
         if (camera->parsed()) runCamera(ip, all->camera);
         if (assign->parsed()) runAssign(ip, all->assign);
+        if (units->parsed()) runUnits(ip, all->units);
     };
 }
 

@@ -8,6 +8,7 @@
 #include "render_job.h"
 #include "render_settings_dialog.h"
 #include "scene_edits.h"
+#include "units_dialog.h"
 
 #include "host/classdesc.h"
 #include "host/hold.h"
@@ -186,6 +187,8 @@ void MainWindow::buildMenus() {
     redoAction_ = add(edit, tr("&Redo"), QKeySequence::Redo, [this] { redo(); });
     edit->addSeparator();
     deleteAction_ = add(edit, tr("&Delete"), QKeySequence::Delete, [this] { deleteSelected(); });
+    edit->addSeparator();
+    add(edit, tr("U&nits Setup..."), QKeySequence(), [this] { showUnitsSetup(); });
     // Parameter edits of the command panel make undo steps the window does not see.
     connect(edit, &QMenu::aboutToShow, this, &MainWindow::refresh);
 
@@ -550,6 +553,19 @@ void MainWindow::showRenderSettings() {
     if (dialog.exec() != QDialog::Accepted) return;
     setRenderSection(ip_.scene(), dialog.render());
     renderOutput_ = dialog.output();
+    refresh();
+}
+
+void MainWindow::showUnitsSetup() {
+    UnitsSetupDialog dialog(ip_.scene().units, this);
+    if (dialog.exec() == QDialog::Accepted) setSceneUnit(dialog.unit());
+}
+
+void MainWindow::setSceneUnit(mq::SceneUnit unit) {
+    if (rendering() || unit == ip_.scene().units) return;
+    mq::theHold.Begin();
+    mq::setSceneUnit(ip_.scene(), unit);
+    mq::theHold.Accept("Units Setup");
     refresh();
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "host/interface.h"
+#include "host/units.h"
 #include "tracer/renderer.h"
 
 #include <QMainWindow>
@@ -51,6 +52,8 @@ public:
     void deleteSelected();
     void undo();
     void redo();
+    // The scene's unit as the undo step "Units Setup"; open rollouts show it.
+    void setSceneUnit(mq::SceneUnit unit);
 
     // Rendering on a worker thread; the scene is locked until it ends.
     void startRender();
@@ -113,6 +116,7 @@ private:
     void withEditingClosed(const std::function<void()>& change);
     bool maybeSave();
     void showRenderSettings();
+    void showUnitsSetup();
     void onRenderFinished();
     void prompt(const QString& text);
     QString sceneName() const;

@@ -3,6 +3,7 @@
 
 #include "host/math.h"
 #include "host/object.h"
+#include "host/units.h"
 
 #include <filesystem>
 #include <functional>
@@ -112,6 +113,8 @@ public:
     nlohmann::json camera;                                // null when absent
     nlohmann::json lights = nlohmann::json::array();
     nlohmann::json render = nlohmann::json::object();
+    // What world-unit fields show; change it through setSceneUnit (host/units.h).
+    SceneUnit units = SceneUnit::Generic;
     // The folder of the file the scene was loaded from or saved to; relative
     // asset paths resolve against it first. Empty for a scene never on disk.
     std::filesystem::path folder;

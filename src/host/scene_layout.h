@@ -19,7 +19,8 @@ inline constexpr int kMaxNodeDepth = 256;
 inline constexpr int kMaxJsonDepth = 2 * kMaxNodeDepth + 16;
 
 // Member names, by the record that holds them:
-//   document   {format, version, nodes: [node], materials, camera, lights, render}
+//   document   {format, version, units (absent: generic), nodes: [node], materials,
+//               camera, lights, render}
 //   node       {name, transform, objectOffset, renderable, material, object,
 //               children: [node]}
 //   object     {class: {superClass, id, name}, mesh, paramBlocks: [block]}
@@ -34,6 +35,7 @@ inline constexpr const char* kMaterials = "materials";
 inline constexpr const char* kCamera = "camera";
 inline constexpr const char* kLights = "lights";
 inline constexpr const char* kRender = "render";
+inline constexpr const char* kUnits = "units";
 inline constexpr const char* kName = "name";
 inline constexpr const char* kTransform = "transform";
 inline constexpr const char* kObjectOffset = "objectOffset";

@@ -92,6 +92,12 @@ std::string kindOf(const json& j) {
     }
 }
 
+std::string joinedUnitNames() {
+    std::string out;
+    for (const std::string& n : unitNames()) out += (out.empty() ? "" : ", ") + n;
+    return out;
+}
+
 // Undo records made while loading would point into a scene that may never
 // be used; loading is not an undoable step.
 class HoldSuspension {
@@ -127,8 +133,8 @@ public:
         expectObject(doc, "");
         checkHeader(doc);
         checkKeys(doc, "",
-                  {key::kFormat, key::kVersion, key::kNodes, key::kMaterials, key::kCamera,
-                   key::kLights, key::kRender});
+                  {key::kFormat, key::kVersion, key::kUnits, key::kNodes, key::kMaterials,
+                   key::kCamera, key::kLights, key::kRender});
 
         auto scene = std::make_unique<Scene>();
         readSections(doc, *scene);
@@ -226,6 +232,15 @@ private:
     }
 
     void readSections(const json& doc, Scene& scene) const {
+        if (const json* u = optional(doc, key::kUnits)) {
+            const std::string name = readString(*u, "/units");
+            const std::optional<SceneUnit> unit = unitFromName(name);
+            if (!unit) {
+                fail("/units", "unknown unit " + inQuotes(name) + didYouMean(name, unitNames()) +
+                                   "; units: " + joinedUnitNames());
+            }
+            scene.units = *unit;
+        }
         if (const json* m = optional(doc, key::kMaterials)) {
             expectObject(*m, "/materials");
             for (const auto& [name, mtl] : m->items()) expectObject(mtl, at("/materials", name));

@@ -189,6 +189,8 @@ public:
         ojson doc = ojson::object();
         doc[key::kFormat] = kFormatName;
         doc[key::kVersion] = kSceneFileVersion;
+        // Generic is left out, so files from before units stay as they were.
+        if (scene_.units != SceneUnit::Generic) doc[key::kUnits] = unitName(scene_.units);
         ojson nodes = ojson::array();
         const Node* root = scene_.root();
         for (int i = 0; i < root->NumberOfChildren(); ++i) {

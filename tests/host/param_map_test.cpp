@@ -8,6 +8,7 @@
 #include "host/interface.h"
 #include "host/object.h"
 #include "host/ui/headless.h"
+#include "host/ui/spinner_text.h"
 
 #include <gtest/gtest.h>
 
@@ -190,6 +191,55 @@ TEST_F(ParamMapTest, TheRolloutsProcedureRunsAfterTheMapFromInitToDestroy) {
     EXPECT_EQ(proc.seen[1].control, kCountSpin);
     EXPECT_EQ(proc.seen[1].countWhenSeen, 50) << "the map stores before the procedure runs";
     EXPECT_EQ(proc.seen[2].msg, ui::Message::Destroy);
+}
+
+TEST(SpinnerText, WorldFieldsShowAndTakeTheScenesUnit) {
+    using ui::formatSpinnerText, ui::parseSpinnerText;
+    constexpr auto W = EDITTYPE_UNIVERSE, F = EDITTYPE_FLOAT, I = EDITTYPE_INT;
+    constexpr auto generic = SceneUnit::Generic, cm = SceneUnit::Centimeters;
+    EXPECT_EQ(formatSpinnerText(12.5, W, cm), "12.5cm");
+    EXPECT_EQ(formatSpinnerText(0.5, W, SceneUnit::Inches), "0.5in");
+    EXPECT_EQ(formatSpinnerText(12.5, W, generic), "12.5");
+    EXPECT_EQ(formatSpinnerText(12.5, F, cm), "12.5");
+    EXPECT_EQ(formatSpinnerText(16, I, cm), "16");
+
+    const struct {
+        const char* text;
+        EditSpinnerType type;
+        SceneUnit unit;
+        std::optional<double> value;
+    } cases[] = {
+        {"1in", W, cm, 2.54},
+        {"10mm", W, cm, 1.0},
+        {"12.5 cm", W, cm, 12.5},
+        {" 3 ", W, cm, 3.0},
+        {"2ft", W, cm, 60.96},
+        {"1e3mm", W, SceneUnit::Meters, 1.0},
+        {"0.001km", W, cm, 100.0},
+        {"1.5", W, generic, 1.5},
+        {"2.6", I, cm, 2.6},  // the spinner rounds
+        // Refused: the field shows its value again.
+        {"1in", W, generic, std::nullopt},
+        {"1cm", F, cm, std::nullopt},
+        {"1cm", I, cm, std::nullopt},
+        {"1 generic", W, cm, std::nullopt},
+        {"12abc", W, cm, std::nullopt},
+        {"cm", W, cm, std::nullopt},
+        {"", W, cm, std::nullopt},
+        {"inf", F, generic, std::nullopt},
+        {"1e400", F, generic, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.text) + " in " + unitName(c.unit));
+        const std::optional<double> v = parseSpinnerText(c.text, c.type, c.unit);
+        ASSERT_EQ(v.has_value(), c.value.has_value());
+        if (v) EXPECT_NEAR(*v, *c.value, 1e-12 * std::abs(*c.value));
+    }
+    // What a field shows reads back as the value, in every unit.
+    for (const std::string& name : unitNames()) {
+        const SceneUnit unit = *unitFromName(name);
+        EXPECT_EQ(parseSpinnerText(formatSpinnerText(-0.125, W, unit), W, unit), -0.125) << name;
+    }
 }
 
 TEST(HostWithoutUI, OpensNoWindowsAndWarnsOfAMissingTemplate) {

@@ -307,9 +307,11 @@ TEST_F(SceneFileTest, RoundTripKeepsNodesSectionsAndInlineMeshes) {
     scene.camera = {{"fov", 40}};
     scene.lights = json::array({{{"type", "sun"}}});
     scene.render = {{"spp", 16}};
+    scene.units = SceneUnit::Inches;
 
     saveScene(scene, dir / "nodes.mosaiq");
     std::unique_ptr<Scene> loaded = read(dir / "nodes.mosaiq");
+    EXPECT_EQ(loaded->units, SceneUnit::Inches);
     std::vector<std::string> names;
     for (Node* n : loaded->allNodes()) names.push_back(n->GetName());
     EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "C", "D"}));
@@ -378,7 +380,11 @@ TEST_F(SceneFileTest, BadDocumentsNameFilePathAndReason) {
          {},
          "only triangle objects"},
         {"/nodes", json::object(), {}, "expected an array"},
+        {"/units", "cms", {}, "unknown unit \"cms\" (did you mean \"cm\"?)"},
+        {"/units", 1, {}, "expected a string"},
     };
+    // Generic is not written, so files from before units read and save the same.
+    EXPECT_FALSE(good.contains("units"));
     const fs::path file = dir / "bad.mosaiq";
     for (const auto& c : cases) {
         const std::string path = c.path.value_or(c.pointer);

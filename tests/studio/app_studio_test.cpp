@@ -13,6 +13,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
 #include <QFile>
 #include <QLineEdit>
 #include <QPushButton>
@@ -173,6 +174,52 @@ private slots:
         QCOMPARE(scene.findNode("Surface")->GetParentNode(), scene.root());
         QCOMPARE(scene.findNode("Pattern")->GetParentNode(), scene.root());
         QVERIFY(!w.isModified());
+    }
+
+    // Edit > Units Setup... is one undo step; open world fields show the unit
+    // and take others, converted.
+    void unitsSetupLabelsWorldFields() {
+        MainWindow& w = *window_;
+        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
+        mosaiq::studio::QtHostUI* ui = owned.get();
+        host_->setUI(std::move(owned));
+        w.attachUI(ui);
+        QVERIFY(w.openScene(kSimple));
+        QVERIFY(w.selectNodeByName("Mosaiq001"));
+        constexpr int kShiftEdit = 1195;
+        auto* shift = qobject_cast<QLineEdit*>(ui->page("Base Parameters")->widget(kShiftEdit));
+        QVERIFY(shift);
+        QCOMPARE(shift->text(), QString("0"));
+
+        QAction* action = nullptr;
+        for (QAction* a : w.findChildren<QAction*>())
+            if (a->text() == "U&nits Setup...") action = a;
+        QVERIFY(action);
+        QTimer::singleShot(0, [] {
+            QWidget* dialog = QApplication::activeModalWidget();
+            QVERIFY(dialog);
+            auto* units = dialog->findChild<QComboBox*>("units");
+            units->setCurrentIndex(units->findText("Centimeters"));
+            static_cast<QDialog*>(dialog)->accept();
+        });
+        action->trigger();
+        QCOMPARE(w.host().scene().units, mq::SceneUnit::Centimeters);
+        QCOMPARE(mq::theHold.undoName(), std::string("Units Setup"));
+        QVERIFY(w.isModified());
+        QCOMPARE(shift->text(), QString("0cm"));
+
+        shift->setFocus();
+        shift->selectAll();
+        QTest::keyClicks(shift, "1in");
+        QTest::keyClick(shift, Qt::Key_Return);
+        mq::ParamBlock* pb = w.selectedNode()->GetObjectRef()->GetParamBlock(0);
+        QCOMPARE(pb->GetFloat(pb->GetDesc()->findByName("Shift")->id, 0), 2.54f);
+        QCOMPARE(shift->text(), QString("2.54cm"));
+        w.undo();  // Shift
+        w.undo();  // Units Setup
+        QCOMPARE(w.host().scene().units, mq::SceneUnit::Generic);
+        shift = qobject_cast<QLineEdit*>(ui->page("Base Parameters")->widget(kShiftEdit));
+        QCOMPARE(shift->text(), QString("0"));
     }
 
     // Open then Save writes the file as the command line wrote it. Bad input

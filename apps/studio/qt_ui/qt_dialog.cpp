@@ -2,6 +2,7 @@
 
 #include "host/hold.h"
 #include "host/ui/param_map.h"
+#include "host/ui/spinner_text.h"
 #include "qt_ui/qt_controls.h"
 
 #include <QCheckBox>
@@ -13,8 +14,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 
 namespace mosaiq::studio {
 
@@ -23,16 +22,6 @@ using mq::ui::Message;
 using mq::ui::Notify;
 
 namespace {
-
-// A number as an edit field linked to a spinner shows it (as headless does).
-std::string formatValue(double value, mq::EditSpinnerType type) {
-    char text[32];
-    if (type == mq::EDITTYPE_INT)
-        std::snprintf(text, sizeof text, "%d", int(value));
-    else
-        std::snprintf(text, sizeof text, "%g", value);
-    return text;
-}
 
 // The application font at the size whose average character (over the
 // alphabet, as the platform measures its dialog font) fits the dialog unit's
@@ -91,7 +80,9 @@ public:
         return std::pow(10.0, std::floor(std::log10(magnitude))) / 10.0;
     }
     // The value shown in the linked edit, as text.
-    std::string shown() const { return formatValue(value_, type_); }
+    std::string shown() const {
+        return mq::ui::formatSpinnerText(value_, type_, mq::currentSceneUnit());
+    }
 
     // A gesture scrubs an unrounded value so slow drags of whole numbers move.
     double scrub = 0.0;
@@ -100,8 +91,11 @@ private:
     void showInEdit() {
         if (QtDialogWindow::Control* edit = window_.find(edit_)) {
             edit->committed = shown();
-            if (auto* line = qobject_cast<QLineEdit*>(edit->widget))
+            if (auto* line = qobject_cast<QLineEdit*>(edit->widget)) {
                 line->setText(QString::fromStdString(edit->committed));
+                // A text wider than the field shows its digits; the unit is what clips.
+                line->setCursorPosition(0);
+            }
         }
     }
 
@@ -383,14 +377,14 @@ void QtDialogWindow::editCommitted(int id) {
     const std::string typed = static_cast<QLineEdit*>(c->widget)->text().toStdString();
     if (QtSpinner* s = spinnerOfEdit(id)) {
         // A number for the spinner; anything else shows the value again.
-        char* end = nullptr;
-        const double value = std::strtod(typed.c_str(), &end);
+        const std::optional<double> value =
+            mq::ui::parseSpinnerText(typed, s->editType(), mq::currentSceneUnit());
         const double before = s->value();
-        if (end == typed.c_str()) {
+        if (!value) {
             s->setValue(before);
             return;
         }
-        s->setValue(value);
+        s->setValue(*value);
         if (s->value() == before) return;
         for (auto& [spinnerId, spinner] : spinners_)
             if (spinner.get() == s) command(spinnerId, Notify::ValueChanged);

@@ -1,8 +1,9 @@
 #include "host/ui/headless.h"
 
+#include "host/ui/spinner_text.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <stdexcept>
 
 namespace mq::ui {
@@ -10,16 +11,6 @@ namespace mq::ui {
 namespace {
 
 std::string controlName(int id) { return "control " + std::to_string(id); }
-
-// A number as an edit field linked to a spinner shows it.
-std::string formatValue(double value, EditSpinnerType type) {
-    char text[32];
-    if (type == EDITTYPE_INT)
-        std::snprintf(text, sizeof text, "%d", int(value));
-    else
-        std::snprintf(text, sizeof text, "%g", value);
-    return text;
-}
 
 }  // namespace
 
@@ -152,7 +143,7 @@ private:
     void showInEdit() {
         const ControlState& s = state();
         if (ControlState* edit = window_.find(s.linkedEdit)) {
-            edit->text = formatValue(s.value, s.editType);
+            edit->text = formatSpinnerText(s.value, s.editType, currentSceneUnit());
             edit->textHistory.push_back(edit->text);
         }
     }
@@ -311,11 +302,11 @@ void HeadlessWindow::type(int id, const std::string& text) {
     // An edit linked to a spinner takes a number for the spinner.
     for (auto& [spinnerId, spinner] : spinners_) {
         if (spinner->linkedEdit() != id) continue;
-        double value = 0.0;
-        if (std::sscanf(text.c_str(), "%lf", &value) != 1)
-            throw std::logic_error("\"" + text + "\" is no number for " + controlName(id));
-        spinner->setValue(value);
-        command(spinnerId, Notify::ValueChanged);
+        // Text the field cannot take leaves the value, shown again, as the studio does.
+        const std::optional<double> value =
+            parseSpinnerText(text, spinner->editType(), currentSceneUnit());
+        spinner->setValue(value ? *value : spinner->value());
+        if (value) command(spinnerId, Notify::ValueChanged);
         return;
     }
     s->text = text;

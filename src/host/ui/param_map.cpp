@@ -4,6 +4,8 @@
 #include "host/interface.h"
 #include "host/node.h"
 
+#include <vector>
+
 namespace mq::ui {
 
 namespace {
@@ -18,14 +20,33 @@ int editOf(const ParamUIBinding& b, int element) { return b.controls[size_t(2 * 
 int spinnerOf(const ParamUIBinding& b, int element) { return b.controls[size_t(2 * element + 1)]; }
 int elementCount(const ParamUIBinding& b) { return int(b.controls.size() / 2); }
 
+// Open maps of every block, for what concerns them all (the scene's unit).
+std::vector<ParamMap*>& openMaps() {
+    static std::vector<ParamMap*> maps;
+    return maps;
+}
+
 }  // namespace
 
 ParamMap::ParamMap(ParamBlock& block, MapID map, ParamMap2UserDlgProc* proc)
     : block_(&block), map_(map), proc_(proc) {
     block.GetDesc()->addOpenMap(this);
+    openMaps().push_back(this);
 }
 
-ParamMap::~ParamMap() { block_->GetDesc()->removeOpenMap(this); }
+ParamMap::~ParamMap() {
+    block_->GetDesc()->removeOpenMap(this);
+    std::erase(openMaps(), this);
+}
+
+void showWorldFieldsAgain() {
+    for (ParamMap* map : openMaps()) {
+        for (const ParamDef& def : map->GetParamBlock()->GetDesc()->params()) {
+            // Every spinner: a procedure may have linked a float field as a world one.
+            if (def.ui && def.ui->control == TYPE_SPINNER) map->Invalidate(def.id);
+        }
+    }
+}
 
 void ParamMap::SetUserDlgProc(ParamMap2UserDlgProc* proc) {
     proc_ = proc;

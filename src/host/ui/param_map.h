@@ -68,4 +68,8 @@ private:
     DialogWindow* window_ = nullptr;
 };
 
+// Every open rollout shows its world-unit fields again: the scene's unit
+// changed. Main thread only.
+void showWorldFieldsAgain();
+
 }  // namespace mq::ui
