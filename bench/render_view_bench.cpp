@@ -69,8 +69,10 @@ int main(int argc, char** argv) {
     view.start();
     if (!waitFor([&] { return shown > 0; })) return 1;
     const double firstPixels = t.nsecsElapsed() / 1e6;
+    view.image().save("render_view_preview.png");  // to look at, in the working directory
     if (!waitFor([&] { return fullPasses > 0; })) return 1;
     const double firstPass = t.nsecsElapsed() / 1e6;
+    view.image().save("render_view_1spp.png");
     std::printf("demo %dx%d, target %d spp; snapshot on the UI thread %.1f ms\n",
                 view.image().width(), view.image().height(), view.samplesTarget(),
                 view.snapshotMs());
