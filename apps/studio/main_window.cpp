@@ -7,6 +7,7 @@
 #include "outliner.h"
 #include "render_job.h"
 #include "render_settings_dialog.h"
+#include "render_view.h"
 #include "scene_edits.h"
 #include "units_dialog.h"
 
@@ -198,6 +199,17 @@ void MainWindow::buildMenus() {
     renderAction_ = add(
         rendering, tr("&Render"), QKeySequence(Qt::SHIFT | Qt::Key_Q), [this] { startRender(); },
         false);
+    // The interactive render view: a dock, rendering while shown.
+    renderView_ = new RenderView(ip_, this);
+    addDockWidget(Qt::RightDockWidgetArea, renderView_);
+    renderView_->hide();
+    QAction* viewAction = renderView_->toggleViewAction();
+    viewAction->setText(tr("Render &View"));
+    viewAction->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R));
+    connect(viewAction, &QAction::triggered, this, [this](bool on) {
+        if (on) renderView_->start();
+    });
+    rendering->addAction(viewAction);
     add(rendering, tr("Render &Settings..."), QKeySequence(Qt::Key_F10),
         [this] { showRenderSettings(); });
     add(

@@ -25,6 +25,7 @@ namespace mosaiq::studio {
 class ImageWindow;
 class QtHostUI;
 class RenderJob;
+class RenderView;
 class SceneOutliner;
 
 class MainWindow : public QMainWindow {
@@ -84,6 +85,7 @@ public:
 
     SceneOutliner* outliner() const { return outliner_; }
     ImageWindow* imageWindow() const { return imageWindow_.get(); }
+    RenderView* renderView() const { return renderView_; }
     mq::HostInterface& host() { return ip_; }
 
     // How errors and questions reach the user; message boxes by default.
@@ -136,6 +138,7 @@ private:
     QWidget* commandPanel_ = nullptr;
     std::unique_ptr<ImageWindow> imageWindow_;
     std::unique_ptr<RenderJob> job_;
+    RenderView* renderView_ = nullptr;  // a dock, hidden until asked for
     QProgressBar* progress_;
     QPushButton* cancel_;
     QMenu* recentMenu_ = nullptr;

@@ -12,6 +12,7 @@ std::mutex gMutex;
 std::map<int, SceneChanges::Listener> gListeners;
 int gNextId = 1;
 std::atomic<uint64_t> gStamp{0};
+thread_local int gMuted = 0;
 
 }  // namespace
 
@@ -27,6 +28,7 @@ void SceneChanges::removeListener(int id) {
 }
 
 void SceneChanges::notify() {
+    if (gMuted > 0) return;
     gStamp.fetch_add(1, std::memory_order_relaxed);
     std::map<int, Listener> listeners;
     {
@@ -37,6 +39,9 @@ void SceneChanges::notify() {
 }
 
 uint64_t SceneChanges::stamp() const { return gStamp.load(std::memory_order_relaxed); }
+
+SceneChangesMute::SceneChangesMute() { ++gMuted; }
+SceneChangesMute::~SceneChangesMute() { --gMuted; }
 
 SceneChanges& sceneChanges() {
     static SceneChanges changes;

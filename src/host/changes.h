@@ -23,4 +23,15 @@ public:
 
 SceneChanges& sceneChanges();
 
+// While one lives, notify() on its thread does nothing: building or
+// rendering a private copy of the scene (the render view's) is no change of
+// the scene itself.
+class SceneChangesMute {
+public:
+    SceneChangesMute();
+    ~SceneChangesMute();
+    SceneChangesMute(const SceneChangesMute&) = delete;
+    SceneChangesMute& operator=(const SceneChangesMute&) = delete;
+};
+
 }  // namespace mq

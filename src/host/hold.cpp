@@ -50,6 +50,8 @@ bool Hold::Undo() {
     return true;
 }
 
+thread_local int Hold::suspended_ = 0;
+
 bool Hold::Redo() {
     if (redo_.empty() || !marks_.empty()) return false;
     Step step = std::move(redo_.back());

@@ -26,7 +26,7 @@ public:
     // Revert everything recorded since the matching Begin and drop it.
     void Cancel();
     // True between Begin and its Accept or Cancel, unless suspended.
-    bool Holding() const { return !marks_.empty() && suspended_ == 0; }
+    bool Holding() const { return suspended_ == 0 && !marks_.empty(); }
     // Record a change; ignored (and deleted) when not holding.
     void Put(std::unique_ptr<RestoreObj> rob);
     void Suspend() { ++suspended_; }
@@ -53,7 +53,9 @@ private:
     };
     // Where each open hold's changes start in open_.
     std::vector<size_t> marks_;
-    int suspended_ = 0;
+    // Per thread: a scene read on a worker (a render's private copy) must not
+    // suspend the undo of edits made meanwhile on the UI thread.
+    static thread_local int suspended_;
     bool replaying_ = false;
     std::vector<std::unique_ptr<RestoreObj>> open_;
     std::vector<Step> undo_, redo_;

@@ -73,14 +73,16 @@ void offsetOrigin(const IntersectionData& isect, const Point3& ng, const Point3&
 
 }  // namespace
 
-void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, ThreadState& ts,
-                             Image& img) const {
+void Integrator::accumulatePixel(int x, int y, int frameIndex, int firstSample, int endSample,
+                                 int threadIndex, ThreadState& ts, float sums[4],
+                                 Image& img) const {
     MQ_DCHECK(x >= 0 && x < img.width && y >= 0 && y < img.height);
+    MQ_DCHECK(firstSample >= 0 && firstSample < endSample);
     const size_t pix = size_t(y) * img.width + x;
-    Point3 sum;
-    float coverage = 0.0f;
+    Point3 sum{sums[0], sums[1], sums[2]};
+    float coverage = sums[3];
 
-    for (int s = 0; s < settings_.samplesPerPixel; ++s) {
+    for (int s = firstSample; s < endSample; ++s) {
         Rng rng(sampleHash(uint32_t(x), uint32_t(y), uint32_t(s), uint32_t(frameIndex),
                            settings_.seed));
         RayContext rc;
@@ -208,7 +210,11 @@ void Integrator::renderPixel(int x, int y, int frameIndex, int threadIndex, Thre
             sum += radiance;
         }
     }
-    const float inv = 1.0f / float(settings_.samplesPerPixel);
+    sums[0] = sum.x;
+    sums[1] = sum.y;
+    sums[2] = sum.z;
+    sums[3] = coverage;
+    const float inv = 1.0f / float(endSample);
     img.rgba[4 * pix] = sum.x * inv;
     img.rgba[4 * pix + 1] = sum.y * inv;
     img.rgba[4 * pix + 2] = sum.z * inv;

@@ -43,7 +43,17 @@ public:
     // is the calling render thread's and ts its state. Concurrent calls must
     // be for different pixels and different threads. Never throws or allocates.
     void renderPixel(int x, int y, int frameIndex, int threadIndex, ThreadState& ts,
-                     Image& img) const;
+                     Image& img) const {
+        float sums[4] = {0, 0, 0, 0};
+        accumulatePixel(x, y, frameIndex, 0, settings_.samplesPerPixel, threadIndex, ts, sums, img);
+    }
+    // Adds samples [firstSample, endSample) of pixel (x, y) to sums (red,
+    // green, blue and coverage summed over samples [0, firstSample)) and
+    // writes the pixel as the mean of samples [0, endSample). Summing goes on
+    // in the same order, so passes that meet end to end give renderPixel's
+    // values bit for bit. Same rules as renderPixel.
+    void accumulatePixel(int x, int y, int frameIndex, int firstSample, int endSample,
+                         int threadIndex, ThreadState& ts, float sums[4], Image& img) const;
 
 private:
     // Nearest hit of rc with isect filled and rec its geometry; false for a miss.

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -134,6 +135,7 @@ struct Renderer::Impl : RenderCore, RayServer {
     int threads = 1;
     WarningFn warn;
     ProgressFn progress;
+    std::atomic<bool> cancelled{false};
 
     std::optional<EmbreeDevice> device;
 
@@ -223,11 +225,15 @@ struct Renderer::Impl : RenderCore, RayServer {
 
     void begin();
     void end();
-    Image frame(int frame);
+    // Frame setup around render(), which renders into the built scene.
+    void frame(int frame, const std::function<void()>& render);
     void buildScene();
     void releaseFrame();
     void endFrame();
-    void renderTiles(Image& img);
+    // Samples [firstSample, endSample) of the crop's pixels at every step-th
+    // column and row into img; sums (4 floats a pixel, full frame) carries
+    // the running sums between passes, null for none. False when cancelled.
+    bool renderTiles(Image& img, int firstSample, int endSample, float* sums, int step = 1);
 };
 
 void Renderer::Impl::begin() {
@@ -366,7 +372,7 @@ void Renderer::Impl::releaseFrame() {
     dynamics.clear();
 }
 
-Image Renderer::Impl::frame(int frameIndex) {
+void Renderer::Impl::frame(int frameIndex, const std::function<void()>& render) {
     time = TimeValue(frameIndex) * kTicksPerFrame;
     device->clearError();
     for (auto& o : objects) {
@@ -383,18 +389,15 @@ Image Renderer::Impl::frame(int frameIndex) {
     }
 
     // A failed frame still ends for every object before the failure goes on.
-    Image img(settings.width, settings.height);
-    img.display = settings.display();
     try {
         buildScene();
         camera = makeCamera(scene.camera, frameScene->bounds(), settings.width, settings.height);
-        renderTiles(img);
+        render();
     } catch (...) {
         endFrame();
         throw;
     }
     endFrame();
-    return img;
 }
 
 void Renderer::Impl::endFrame() {
@@ -407,7 +410,8 @@ void Renderer::Impl::endFrame() {
     }
 }
 
-void Renderer::Impl::renderTiles(Image& img) {
+bool Renderer::Impl::renderTiles(Image& img, int firstSample, int endSample, float* sums,
+                                 int step) {
     CropRegion crop{0, settings.width, 0, settings.height};
     if (settings.crop) {
         crop = *settings.crop;
@@ -437,9 +441,20 @@ void Renderer::Impl::renderTiles(Image& img) {
                 const int ty = ty0 + i / columns, tx = tx0 + i % columns;
                 const int y1 = std::min(crop.y1, (ty + 1) * kTileSize);
                 const int x1 = std::min(crop.x1, (tx + 1) * kTileSize);
-                for (int y = std::max(crop.y0, ty * kTileSize); y < y1; ++y) {
-                    for (int x = std::max(crop.x0, tx * kTileSize); x < x1; ++x) {
-                        integrator.renderPixel(x, y, frameIndex, t, threadStates[size_t(t)], img);
+                // First multiple of step at or after v.
+                const auto onGrid = [step](int v) { return (v + step - 1) / step * step; };
+                for (int y = onGrid(std::max(crop.y0, ty * kTileSize)); y < y1; y += step) {
+                    // Per row, so a cancel lands within a fraction of a tile.
+                    if (cancelled.load(std::memory_order_relaxed)) {
+                        next = total;
+                        return;
+                    }
+                    for (int x = onGrid(std::max(crop.x0, tx * kTileSize)); x < x1; x += step) {
+                        float local[4] = {0, 0, 0, 0};
+                        float* pixelSums =
+                            sums ? sums + 4 * (size_t(y) * settings.width + x) : local;
+                        integrator.accumulatePixel(x, y, frameIndex, firstSample, endSample, t,
+                                                   threadStates[size_t(t)], pixelSums, img);
                     }
                 }
                 const int n = ++done;
@@ -460,6 +475,7 @@ void Renderer::Impl::renderTiles(Image& img) {
     for (std::thread& worker : workers) worker.join();
     for (const std::exception_ptr& error : errors)
         if (error) std::rethrow_exception(error);
+    return !cancelled;
 }
 
 Renderer::Renderer(Scene& scene, RenderSettings settings) : settings_(settings) {
@@ -493,10 +509,68 @@ void Renderer::renderBegin() {
 
 Image Renderer::renderFrame(int frame) {
     renderBegin();
-    return impl_->frame(frame);
+    Image img(settings_.width, settings_.height);
+    img.display = settings_.display();
+    impl_->frame(frame, [&] {
+        if (!impl_->renderTiles(img, 0, settings_.samplesPerPixel, nullptr))
+            throw RenderCancelled();
+    });
+    return img;
+}
+
+bool Renderer::renderPasses(int frame, const std::vector<int>& passEnds, int previewStep,
+                            const PassFn& onPass) {
+    for (size_t i = 0; i < passEnds.size(); ++i) {
+        if (passEnds[i] < 1 || (i > 0 && passEnds[i] <= passEnds[i - 1]))
+            throw RenderError("render passes: sample counts must be positive and increasing");
+    }
+    renderBegin();
+    const int w = settings_.width, h = settings_.height;
+    bool finished = true;
+    impl_->frame(frame, [&] {
+        if (previewStep > 1) {
+            Image preview(w, h);
+            preview.display = settings_.display();
+            if (!impl_->renderTiles(preview, 0, 1, nullptr, previewStep)) {
+                finished = false;
+                return;
+            }
+            // Each traced pixel stands for its block; the crop keeps the rest black.
+            CropRegion c = settings_.crop.value_or(CropRegion{0, w, 0, h});
+            c = {std::clamp(c.x0, 0, w), std::clamp(c.x1, 0, w), std::clamp(c.y0, 0, h),
+                 std::clamp(c.y1, 0, h)};
+            for (int y = c.y0; y < c.y1; ++y) {
+                for (int x = c.x0; x < c.x1; ++x) {
+                    const int sx = std::max(c.x0 + (previewStep - c.x0 % previewStep) % previewStep,
+                                            x / previewStep * previewStep);
+                    const int sy = std::max(c.y0 + (previewStep - c.y0 % previewStep) % previewStep,
+                                            y / previewStep * previewStep);
+                    if (sx >= c.x1 || sy >= c.y1) continue;
+                    const float* from = preview.pixel(sx, sy);
+                    std::copy(from, from + 4, &preview.rgba[4 * (size_t(y) * w + x)]);
+                }
+            }
+            if (onPass) onPass(preview, 0);
+        }
+        Image img(w, h);
+        img.display = settings_.display();
+        std::vector<float> sums(size_t(w) * h * 4, 0.0f);
+        int done = 0;
+        for (const int end : passEnds) {
+            if (!impl_->renderTiles(img, done, end, sums.data())) {
+                finished = false;
+                return;
+            }
+            done = end;
+            if (onPass) onPass(img, done);
+        }
+    });
+    return finished;
 }
 
 void Renderer::renderEnd() { impl_->end(); }
+
+void Renderer::cancel() { impl_->cancelled = true; }
 
 Image renderImage(Scene& scene, const RenderSettings& settings, int frame) {
     Renderer r(scene, settings);

@@ -45,6 +45,12 @@ struct CropRegion {
     int x0 = 0, x1 = 0, y0 = 0, y1 = 0;
 };
 
+// A render stopped by Renderer::cancel.
+class RenderCancelled : public RenderError {
+public:
+    RenderCancelled() : RenderError("render cancelled") {}
+};
+
 // Non-fatal problems (a node left out, a material value ignored, a key the
 // tracer does not know).
 using WarningFn = std::function<void(const std::string&)>;
@@ -117,6 +123,11 @@ struct Image {
 // Called from worker threads as tiles finish: done of total tiles.
 using ProgressFn = std::function<void(int done, int total)>;
 
+// Called on the rendering thread after each pass of Renderer::renderPasses
+// with the frame so far and the samples per pixel it holds (0 for the
+// preview). The image is valid only during the call.
+using PassFn = std::function<void(const Image& image, int samplesDone)>;
+
 class Renderer {
 public:
     // The scene must outlive the renderer. Throws RenderError for bad settings.
@@ -135,8 +146,22 @@ public:
     void renderBegin();
     // Renders one frame (begins the render first if needed). Throws RenderError.
     Image renderFrame(int frame);
+    // Renders one frame in passes over a scene built once. First, when
+    // previewStep > 1, a preview: sample 0 of every previewStep-th pixel of
+    // every previewStep-th row, each copied over its previewStep-square
+    // block. Then pass i adds samples until passEnds[i] per pixel (increasing,
+    // >= 1); the settings' samplesPerPixel is not used. After each pass the
+    // image equals renderFrame's with that many samples per pixel, bit for
+    // bit. Returns false when cancel() cut it short (the cut pass is not
+    // reported). Throws RenderError.
+    bool renderPasses(int frame, const std::vector<int>& passEnds, int previewStep,
+                      const PassFn& onPass);
     // Ends the render: instances' renderEnd and deletion. Safe to repeat.
     void renderEnd();
+    // Stops a running or later renderFrame (which then throws
+    // RenderCancelled) or renderPasses within about one row of tiles. For
+    // good: a cancelled renderer renders nothing more. Any thread.
+    void cancel();
 
     const RenderSettings& settings() const { return settings_; }
 

@@ -7,13 +7,16 @@
 #include "qt_ui/qt_controls.h"
 #include "qt_ui/qt_dialog.h"
 #include "qt_ui/qt_host_ui.h"
+#include "render_view.h"
 
+#include "host/changes.h"
 #include "host/hold.h"
 #include "host/plugins.h"
 
 #include <QAction>
 #include <QApplication>
 #include <QComboBox>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QLineEdit>
 #include <QPushButton>
@@ -300,6 +303,63 @@ private slots:
         QVERIFY(w.imageWindow()->saveTo(dir.filePath("frame.exr"), &error));
         QVERIFY(!w.imageWindow()->saveTo(dir.filePath("frame.bmp"), &error));
         QVERIFY(error.contains("frame.bmp"));
+    }
+
+    // The render view restarts on a change notice and finishes its passes; a
+    // region replaces only its own pixels; stop ends a long pass quickly.
+    void renderViewRestartsRendersRegionsAndStops() {
+        MainWindow& w = *window_;
+        QVERIFY(w.openScene(kSimple));
+        mq::Scene& scene = w.host().scene();
+        scene.render = {{"width", 64}, {"height", 48}, {"spp", 4}};
+        mosaiq::studio::RenderView& view = *w.renderView();
+        QSignalSpy finished(&view, &mosaiq::studio::RenderView::finished);
+        view.show();
+        view.start();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() == 1, 60000);
+        QCOMPARE(view.image().size(), QSize(64, 48));
+        QCOMPARE(view.passesDone(), 3);  // 1, 2, 4 spp
+        QVERIFY2(view.statusText().contains("Pass 3 / 3"), qPrintable(view.statusText()));
+        const QImage first = view.image();
+
+        // A brighter dome, told as an edit tells it: a new render, and it shows.
+        scene.lights = nlohmann::json::array({{{"type", "dome"}, {"intensity", 3.0}}});
+        mq::sceneChanges().notify();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() == 2 && !view.running(), 60000);
+        QVERIFY(view.image() != first);
+
+        // Back to the first light, in a region only: outside stays bright.
+        view.stop();
+        const QImage bright = view.image();
+        scene.lights = nlohmann::json::array({{{"type", "dome"}, {"intensity", 0.2}}});
+        view.setRegion(mq::tracer::CropRegion{8, 24, 16, 40});
+        view.start();
+        QTRY_VERIFY_WITH_TIMEOUT(finished.count() == 3 && !view.running(), 60000);
+        int changedInside = 0;
+        for (int y = 0; y < 48; ++y) {
+            for (int x = 0; x < 64; ++x) {
+                const bool inside = x >= 8 && x < 24 && y >= 16 && y < 40;
+                if (inside) {
+                    changedInside += view.image().pixel(x, y) != bright.pixel(x, y);
+                } else {
+                    QCOMPARE(view.image().pixel(x, y), bright.pixel(x, y));
+                }
+            }
+        }
+        QVERIFY(changedInside > 16 * 24 / 2);
+        view.setRegion(std::nullopt);
+
+        // Stop cuts a pass of thousands of samples short.
+        scene.render = {{"width", 320}, {"height", 240}, {"spp", 4096}};
+        QSignalSpy shown(&view, &mosaiq::studio::RenderView::passShown);
+        view.start();
+        QTRY_VERIFY_WITH_TIMEOUT(shown.count() >= 1, 60000);
+        QElapsedTimer t;
+        t.start();
+        view.stop();
+        QTRY_VERIFY_WITH_TIMEOUT(!view.running(), 5000);
+        QVERIFY2(t.elapsed() < 2000, qPrintable(QString::number(t.elapsed())));
+        QVERIFY(view.statusText().contains("stopped"));
     }
 
 private:

@@ -114,6 +114,45 @@ TEST(TracerRender, ImagesDoNotDependOnThreadsOrCrop) {
     EXPECT_GT(hi - lo, 0.1f);
 }
 
+// Passes that meet end to end add up to the one-shot render bit for bit, in
+// a crop too; the preview only fills blocks inside the crop; cancel stops both.
+TEST(TracerRender, PassesAddUpToTheFullRenderAndCancelStops) {
+    RayLog log;
+    Scene scene;
+    busyScene(scene, log);
+    RenderSettings s = tiny(40, 5, 2);
+    const Image full = renderImage(scene, s);
+    s.crop = CropRegion{5, 27, 3, 21};
+    const Image fullCrop = renderImage(scene, s);
+    std::vector<int> counts;
+    Renderer r(scene, s);
+    ASSERT_TRUE(r.renderPasses(0, {1, 2, 5}, 4, [&](const Image& img, int done) {
+        counts.push_back(done);
+        if (done == 0) {
+            EXPECT_EQ(0, std::memcmp(img.pixel(26, 20), img.pixel(24, 20), 4 * sizeof(float)));
+            EXPECT_EQ(img.pixel(4, 3)[3] + img.pixel(27, 3)[3], 0.0f);
+        }
+        if (done == 5) {
+            EXPECT_EQ(img.rgba, fullCrop.rgba);
+        }
+    }));
+    EXPECT_EQ(counts, (std::vector<int>{0, 1, 2, 5}));
+    s.crop.reset();
+    Renderer whole(scene, s);
+    whole.renderPasses(0, {3, 5}, 1, [&](const Image& img, int done) {
+        if (done == 5) {
+            EXPECT_EQ(img.rgba, full.rgba);
+        }
+    });
+
+    Renderer stopped(scene, s);
+    stopped.cancel();
+    EXPECT_FALSE(stopped.renderPasses(0, {1}, 4, [](const Image&, int) { ADD_FAILURE(); }));
+    Renderer stoppedFrame(scene, s);
+    stoppedFrame.cancel();
+    EXPECT_THROW(stoppedFrame.renderFrame(0), RenderCancelled);
+}
+
 TEST(TracerRender, SettingsAndSceneErrorsNameThePlaceAndTheValue) {
     EXPECT_THROW(RenderSettings::fromJson({{"width", 0}}), RenderError);
     const std::string spp = messageOf<RenderError>([] {
