@@ -501,6 +501,28 @@ void Viewport::frame(const Box3& box) {
         distance_ = radius / std::sin(half);
         pivot_ = centre;
         persp_.viewToWorld.SetTrans(centre + back * distance_);
+        // Perspective draws the near side larger: move across the view until
+        // the projected bounds are centred.
+        for (int pass = 0; pass < 3; ++pass) {
+            const mq::ViewCamera now = camera();
+            float lo[2] = {1e30f, 1e30f}, hi[2] = {-1e30f, -1e30f};
+            for (int i = 0; i < 8; ++i) {
+                float x, y;
+                if (!now.project(
+                        Point3(i & 1 ? box.pmax.x : box.pmin.x, i & 2 ? box.pmax.y : box.pmin.y,
+                               i & 4 ? box.pmax.z : box.pmin.z),
+                        x, y))
+                    return update();
+                lo[0] = std::min(lo[0], x), hi[0] = std::max(hi[0], x);
+                lo[1] = std::min(lo[1], y), hi[1] = std::max(hi[1], y);
+            }
+            const float px = now.pixelSizeAt(centre);
+            const Point3 shift =
+                now.viewToWorld.GetRow(0) * ((lo[0] + hi[0] - now.width) * 0.5f * px) -
+                now.viewToWorld.GetRow(1) * ((lo[1] + hi[1] - now.height) * 0.5f * px);
+            persp_.viewToWorld.SetTrans(persp_.eye() + shift);
+            pivot_ += shift;
+        }
     } else {
         const int k = int(view_) - int(View::Top);
         const Matrix3 axes = orthoFrame(k);
