@@ -119,6 +119,13 @@ int main(int argc, char** argv) {
                 code = inputError ? inputError : kExitInput;
         } else if (grabWhat == "viewport") {
             // The scene framed as a user opening it sees it, then its own pixels.
+            if (!window.viewport()) {
+                code = fail(kExitOutput,
+                            "--grab viewport: this platform (" + QApplication::platformName() +
+                                ") can make no OpenGL context; run under xvfb-run or a display");
+                app.quit();
+                return;
+            }
             mosaiq::studio::Viewport& view = *window.viewport();
             QApplication::processEvents();
             view.frameAll();

@@ -100,30 +100,39 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
     panelLayout_->addWidget(commandPanel_);
     panelHolder->setMinimumWidth(200);
 
-    viewport_ = new Viewport(ip_, this);
-    viewport_->setObjectName("viewport");
-    connect(viewport_, &Viewport::nodeClicked, this, &MainWindow::nodeClicked);
-    connect(viewport_, &Viewport::prompt, this, &MainWindow::prompt);
-    connect(viewport_, &Viewport::created, this, [this](mq::Node* n) {
-        refresh();
-        emit sceneChanged();
-        if (n) select(n);
-        prompt(n ? tr("Created %1").arg(QString::fromStdString(n->GetName()))
-                 : tr("Creation cancelled"));
-    });
-    ip_.onRedrawViews = [this] { viewport_->update(); };
+    QWidget* viewportWidget;
+    if (Viewport::openGLAvailable()) {
+        viewport_ = new Viewport(ip_, this);
+        viewport_->setObjectName("viewport");
+        connect(viewport_, &Viewport::nodeClicked, this, &MainWindow::nodeClicked);
+        connect(viewport_, &Viewport::prompt, this, &MainWindow::prompt);
+        connect(viewport_, &Viewport::created, this, [this](mq::Node* n) {
+            refresh();
+            emit sceneChanged();
+            if (n) select(n);
+            prompt(n ? tr("Created %1").arg(QString::fromStdString(n->GetName()))
+                     : tr("Creation cancelled"));
+        });
+        ip_.onRedrawViews = [this] { viewport_->update(); };
+        viewportWidget = viewport_;
+    } else {
+        viewport_ = nullptr;
+        viewportWidget = placeholder(tr("Viewport: this platform offers no OpenGL"), this);
+        viewportWidget->setObjectName("viewportPlaceholder");
+    }
+
     ip_.onCommandModeChanged = [this](mq::CommandMode* mode) {
         for (QAction* a : modeBar_->actions())
             a->setChecked(mode && a->data().value<void*>() == mode);
         prompt(mode ? tr("%1: drag in the viewport; right click or Escape ends")
                           .arg(QString::fromUtf8(mode->name()))
                     : QString());
-        viewport_->update();
+        if (viewport_) viewport_->update();
     };
 
     auto* splitter = new QSplitter(this);
     splitter->addWidget(outliner_);
-    splitter->addWidget(viewport_);
+    splitter->addWidget(viewportWidget);
     splitter->addWidget(panelHolder);
     splitter->setStretchFactor(0, 0);
     splitter->setStretchFactor(1, 1);
@@ -211,7 +220,8 @@ void MainWindow::buildMenus() {
 
     // The viewport's own commands; their keys act while it has the focus.
     QMenu* view = menuBar()->addMenu(tr("&View"));
-    for (QAction* a : viewport_->viewActions()) {
+    view->setEnabled(viewport_);
+    for (QAction* a : viewport_ ? viewport_->viewActions() : QList<QAction*>()) {
         view->addAction(a);
         if (a->text() == tr("Camera")) view->addSeparator();
     }
@@ -291,8 +301,10 @@ void MainWindow::refresh() {
     // The panel edits parameters the worker is reading.
     if (commandPanel_) commandPanel_->setEnabled(!busy);
     modeBar_->setEnabled(!busy);
-    viewport_->setSceneLocked(busy);
-    viewport_->update();
+    if (viewport_) {
+        viewport_->setSceneLocked(busy);
+        viewport_->update();
+    }
     renderAction_->setEnabled(!busy);
     const std::string u = mq::theHold.undoName(), r = mq::theHold.redoName();
     undoAction_->setText(u.empty() ? tr("&Undo") : tr("&Undo %1").arg(QString::fromStdString(u)));
@@ -313,7 +325,7 @@ void MainWindow::select(mq::Node* node) {
     prompt(node ? tr("Selected %1").arg(QString::fromStdString(node->GetName()))
                 : tr("Click a node in the scene to select it"));
     if (deleteAction_) deleteAction_->setEnabled(node && !rendering());
-    viewport_->setSelection(node);
+    if (viewport_) viewport_->setSelection(node);
     endEditing();
     beginEditing(node);
     emit nodeSelected(node);
@@ -557,6 +569,11 @@ mq::Node* MainWindow::createObject(const QString& internalName) {
 
 void MainWindow::beginCreateByClick(const QString& internalName) {
     if (rendering()) return;
+    // Without a viewport there is nowhere to click: the object is made at once.
+    if (!viewport_) {
+        createObject(internalName);
+        return;
+    }
     mq::ClassDesc* cd = mq::classDirectory().findByInternalName(internalName.toStdString());
     if (!cd) {
         reportError(tr("Create"), tr("Class %1 is not available").arg(internalName));

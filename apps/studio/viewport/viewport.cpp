@@ -285,6 +285,11 @@ Viewport::~Viewport() {
     }
 }
 
+bool Viewport::openGLAvailable() {
+    QOpenGLContext probe;
+    return probe.create();
+}
+
 QString Viewport::viewName(View view) {
     switch (view) {
         case View::Perspective:

@@ -29,6 +29,10 @@ public:
     enum class View { Perspective, Top, Front, Left, Camera };
     enum class Shading { Shaded, Wireframe, EdgedFaces };
 
+    // Whether this platform can make an OpenGL context at all (Qt's
+    // offscreen platform cannot; a QOpenGLWidget there breaks its window).
+    static bool openGLAvailable();
+
     // ip must outlive the viewport.
     explicit Viewport(mq::HostInterface& ip, QWidget* parent = nullptr);
     ~Viewport() override;
