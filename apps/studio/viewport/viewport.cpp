@@ -50,6 +50,8 @@ namespace {
 constexpr float kClickSlop = 3;       // pixels a press may move and still click
 constexpr float kOrbitRate = 0.006f;  // radians per pixel
 constexpr float kZoomStep = 0.85f;    // per wheel notch
+// Above this a selected mesh shows its bounds, not a silhouette.
+constexpr int kOutlineTriangles = 200000;
 const Point3 kClay{0.68f, 0.67f, 0.64f};
 const Point3 kSelected{1.0f, 0.92f, 0.55f};
 const Point3 kWire{0.55f, 0.62f, 0.72f};
@@ -781,6 +783,7 @@ void Viewport::paintGL() {
     p.setUniformValue("eye", QVector3D(eye.x, eye.y, eye.z));
     p.setUniformValue("viewDir", QVector3D(dir.x, dir.y, dir.z));
     p.setUniformValue("perspective", cam.perspective ? 1 : 0);
+    Box3 selectionBox;
     const auto colour = [&](const Point3& c) {
         p.setUniformValue("color", QVector3D(c.x, c.y, c.z));
     };
@@ -819,7 +822,10 @@ void Viewport::paintGL() {
                                                                : Point3(0.1f, 0.1f, 0.1f));
             if (shading_ == Shading::EdgedFaces)
                 f->glDrawElements(GL_TRIANGLES, count, GL_UNSIGNED_INT, nullptr);
-            if (selected) {
+            if (selected && count / 3 > kOutlineTriangles) {
+                // Too many triangles to rasterise again as lines each frame: its box instead.
+                selectionBox = worldBounds(node);
+            } else if (selected) {
                 // Lines outside the marked pixels: a bright silhouette.
                 f->glEnable(GL_STENCIL_TEST);
                 f->glStencilFunc(GL_NOTEQUAL, 1, 0xff);
@@ -839,6 +845,22 @@ void Viewport::paintGL() {
 
     // Objects that draw themselves, then the command mode's gizmo.
     batch_->clear();
+    if (!selectionBox.IsEmpty()) {
+        const Box3& b = selectionBox;
+        Point3 edges[24];
+        int k = 0;
+        for (int i = 0; i < 8; ++i)
+            for (int axis = 0; axis < 3; ++axis)
+                if (!(i & (1 << axis))) {
+                    const int j = i | (1 << axis);
+                    for (int c : {i, j})
+                        edges[k++] =
+                            Point3(c & 1 ? b.pmax.x : b.pmin.x, c & 2 ? b.pmax.y : b.pmin.y,
+                                   c & 4 ? b.pmax.z : b.pmin.z);
+                }
+        batch_->setColor(kSelected);
+        batch_->segments(edges, 24);
+    }
     mq::CameraViewExp vpt(cam, *batch_);
     for (mq::Node* node : ip_.scene().allNodes()) {
         mq::Object* obj = node->GetObjectRef();
