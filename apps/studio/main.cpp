@@ -3,6 +3,7 @@
 // PNG once it is laid out.
 #include "main_window.h"
 #include "qt_ui/qt_host_ui.h"
+#include "viewport/viewport.h"
 
 #include "host/plugins.h"
 
@@ -39,16 +40,19 @@ int main(int argc, char** argv) {
     const QCommandLineOption browser("open-browser", "Open the library browser on this folder",
                                      "PATH");
     const QCommandLineOption grab(
-        "grab", "Save a picture of WIDGET (main, command-panel, lib-browser) and exit", "WIDGET");
+        "grab", "Save a picture of WIDGET (main, viewport, command-panel, lib-browser) and exit",
+        "WIDGET");
     const QCommandLineOption out({"o", "output"}, "PNG file --grab writes", "OUT.png");
     parser.addOptions({select, browser, grab, out});
     parser.process(app);
 
     const QString grabWhat = parser.value(grab);
     const bool grabbing = parser.isSet(grab);
-    if (grabbing && grabWhat != "main" && grabWhat != "command-panel" && grabWhat != "lib-browser")
-        return fail(kExitUsage, "--grab: expected main, command-panel or lib-browser, found \"" +
-                                    grabWhat + "\"");
+    if (grabbing && grabWhat != "main" && grabWhat != "viewport" && grabWhat != "command-panel" &&
+        grabWhat != "lib-browser")
+        return fail(kExitUsage,
+                    "--grab: expected main, viewport, command-panel or lib-browser, found \"" +
+                        grabWhat + "\"");
     if (grabbing && !parser.isSet(out)) return fail(kExitUsage, "--grab needs -o OUT.png");
     if (parser.positionalArguments().size() > 1)
         return fail(kExitUsage,
@@ -113,6 +117,26 @@ int main(int argc, char** argv) {
         if (grabWhat == "lib-browser") {
             if (!window.openLibraryBrowser(parser.value(browser), save) && !code)
                 code = inputError ? inputError : kExitInput;
+        } else if (grabWhat == "viewport") {
+            // The scene framed as a user opening it sees it, then its own pixels.
+            if (!window.viewport()) {
+                code = fail(kExitOutput,
+                            "--grab viewport: this platform (" + QApplication::platformName() +
+                                ") can make no OpenGL context; run under xvfb-run or a display");
+                app.quit();
+                return;
+            }
+            mosaiq::studio::Viewport& view = *window.viewport();
+            QApplication::processEvents();
+            view.frameAll();
+            const QImage image = view.grabFramebuffer();
+            if (!view.glError().isEmpty() || image.isNull())
+                code = fail(kExitOutput, "--grab viewport: no OpenGL 3.3 context (" +
+                                             (view.glError().isEmpty() ? QString("none was made")
+                                                                       : view.glError()) +
+                                             "); run under xvfb-run or a display");
+            else if (!image.save(file, "PNG"))
+                code = fail(kExitOutput, file + ": could not write the picture");
         } else {
             save(grabWhat == "command-panel" ? *window.commandPanel() : window);
         }

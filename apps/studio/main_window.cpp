@@ -10,6 +10,7 @@
 #include "render_view.h"
 #include "scene_edits.h"
 #include "units_dialog.h"
+#include "viewport/viewport.h"
 
 #include "host/classdesc.h"
 #include "host/hold.h"
@@ -27,6 +28,7 @@
 #include <QSettings>
 #include <QSplitter>
 #include <QStatusBar>
+#include <QToolBar>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -69,15 +71,7 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
 
     outliner_ = new SceneOutliner(this);
     outliner_->setObjectName("outliner");
-    connect(outliner_, &SceneOutliner::nodeSelected, this, [this](mq::Node* n) {
-        if (ui_ && ui_->picking() && n) {
-            if (!ui_->pickNode(n))
-                prompt(tr("%1 cannot be picked here").arg(QString::fromStdString(n->GetName())));
-            outliner_->selectNode(selected_);
-            return;
-        }
-        select(n);
-    });
+    connect(outliner_, &SceneOutliner::nodeSelected, this, &MainWindow::nodeClicked);
     connect(outliner_, &SceneOutliner::renameRequested, this,
             [this](mq::Node* n, const QString& name) {
                 const std::string given = renameNode(ip_.scene(), n, name.trimmed().toStdString());
@@ -100,16 +94,47 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
     panelHolder->setObjectName("commandPanelSlot");
     panelLayout_ = new QVBoxLayout(panelHolder);
     panelLayout_->setContentsMargins(0, 0, 0, 0);
+    modeBar_ = new QToolBar(panelHolder);
+    modeBar_->setObjectName("commandModes");
+    modeBar_->setVisible(false);
+    panelLayout_->addWidget(modeBar_);
     commandPanel_ = placeholder(tr("Command panel"), panelHolder);
     panelLayout_->addWidget(commandPanel_);
     panelHolder->setMinimumWidth(200);
 
-    auto* viewport = placeholder(tr("Viewport"), this);
-    viewport->setObjectName("viewportPlaceholder");
+    QWidget* viewportWidget;
+    if (Viewport::openGLAvailable()) {
+        viewport_ = new Viewport(ip_, this);
+        viewport_->setObjectName("viewport");
+        connect(viewport_, &Viewport::nodeClicked, this, &MainWindow::nodeClicked);
+        connect(viewport_, &Viewport::prompt, this, &MainWindow::prompt);
+        connect(viewport_, &Viewport::created, this, [this](mq::Node* n) {
+            refresh();
+            emit sceneChanged();
+            if (n) select(n);
+            prompt(n ? tr("Created %1").arg(QString::fromStdString(n->GetName()))
+                     : tr("Creation cancelled"));
+        });
+        ip_.onRedrawViews = [this] { viewport_->update(); };
+        viewportWidget = viewport_;
+    } else {
+        viewport_ = nullptr;
+        viewportWidget = placeholder(tr("Viewport: this platform offers no OpenGL"), this);
+        viewportWidget->setObjectName("viewportPlaceholder");
+    }
+
+    ip_.onCommandModeChanged = [this](mq::CommandMode* mode) {
+        for (QAction* a : modeBar_->actions())
+            a->setChecked(mode && a->data().value<void*>() == mode);
+        prompt(mode ? tr("%1: drag in the viewport; right click or Escape ends")
+                          .arg(QString::fromUtf8(mode->name()))
+                    : QString());
+        if (viewport_) viewport_->update();
+    };
 
     auto* splitter = new QSplitter(this);
     splitter->addWidget(outliner_);
-    splitter->addWidget(viewport);
+    splitter->addWidget(viewportWidget);
     splitter->addWidget(panelHolder);
     splitter->setStretchFactor(0, 0);
     splitter->setStretchFactor(1, 1);
@@ -138,6 +163,8 @@ MainWindow::~MainWindow() {
     // The worker must let go of the scene before anything else goes.
     job_.reset();
     ip_.onWarning = nullptr;
+    ip_.onRedrawViews = nullptr;
+    ip_.onCommandModeChanged = nullptr;
 }
 
 void MainWindow::buildMenus() {
@@ -195,6 +222,14 @@ void MainWindow::buildMenus() {
 
     buildCreateMenu(menuBar()->addMenu(tr("&Create")));
 
+    // The viewport's own commands; their keys act while it has the focus.
+    QMenu* view = menuBar()->addMenu(tr("&View"));
+    view->setEnabled(viewport_);
+    for (QAction* a : viewport_ ? viewport_->viewActions() : QList<QAction*>()) {
+        view->addAction(a);
+        if (a->text() == tr("Camera")) view->addSeparator();
+    }
+
     QMenu* rendering = menuBar()->addMenu(tr("&Rendering"));
     renderAction_ = add(
         rendering, tr("&Render"), QKeySequence(Qt::SHIFT | Qt::Key_Q), [this] { startRender(); },
@@ -224,7 +259,7 @@ void MainWindow::buildMenus() {
 void MainWindow::buildCreateMenu(QMenu* menu) {
     QAction* mosaiq = menu->addAction(tr("&Mosaiq"));
     editActions_.push_back(mosaiq);
-    connect(mosaiq, &QAction::triggered, this, [this] { createObject(kMosaiqClass); });
+    connect(mosaiq, &QAction::triggered, this, [this] { beginCreateByClick(kMosaiqClass); });
     if (!mq::classDirectory().findByInternalName(kMosaiqClass)) {
         mosaiq->setEnabled(false);
         mosaiq->setToolTip(tr("No Mosaiq plug-in was loaded"));
@@ -238,7 +273,7 @@ void MainWindow::buildCreateMenu(QMenu* menu) {
         const QString name = QString::fromStdString(cd->InternalName());
         QAction* a = menu->addAction(QString::fromUtf8(cd->ClassName()));
         editActions_.push_back(a);
-        connect(a, &QAction::triggered, this, [this, name] { createObject(name); });
+        connect(a, &QAction::triggered, this, [this, name] { beginCreateByClick(name); });
     }
 }
 
@@ -280,6 +315,11 @@ void MainWindow::refresh() {
     outliner_->setEnabled(!busy);
     // The panel edits parameters the worker is reading.
     if (commandPanel_) commandPanel_->setEnabled(!busy);
+    modeBar_->setEnabled(!busy);
+    if (viewport_) {
+        viewport_->setSceneLocked(busy);
+        viewport_->update();
+    }
     renderAction_->setEnabled(!busy);
     const std::string u = mq::theHold.undoName(), r = mq::theHold.redoName();
     undoAction_->setText(u.empty() ? tr("&Undo") : tr("&Undo %1").arg(QString::fromStdString(u)));
@@ -300,9 +340,35 @@ void MainWindow::select(mq::Node* node) {
     prompt(node ? tr("Selected %1").arg(QString::fromStdString(node->GetName()))
                 : tr("Click a node in the scene to select it"));
     if (deleteAction_) deleteAction_->setEnabled(node && !rendering());
+    if (viewport_) viewport_->setSelection(node);
     endEditing();
     beginEditing(node);
     emit nodeSelected(node);
+}
+
+void MainWindow::nodeClicked(mq::Node* n) {
+    if (ui_ && ui_->picking() && n) {
+        if (!ui_->pickNode(n))
+            prompt(tr("%1 cannot be picked here").arg(QString::fromStdString(n->GetName())));
+        outliner_->selectNode(selected_);
+        return;
+    }
+    select(n);
+}
+
+void MainWindow::rebuildModeBar() {
+    modeBar_->clear();
+    for (mq::CommandMode* mode : ip_.commandModes()) {
+        QAction* a = modeBar_->addAction(QString::fromUtf8(mode->name()));
+        a->setCheckable(true);
+        a->setData(QVariant::fromValue(static_cast<void*>(mode)));
+        a->setChecked(ip_.GetCommandMode() == mode);
+        // The checked one again leaves the mode; the host exits the old one.
+        connect(a, &QAction::triggered, this, [this, mode] {
+            ip_.SetCommandMode(ip_.GetCommandMode() == mode ? nullptr : mode);
+        });
+    }
+    modeBar_->setVisible(!ip_.commandModes().empty());
 }
 
 void MainWindow::attachUI(QtHostUI* ui) {
@@ -329,6 +395,7 @@ void MainWindow::beginEditing(mq::Node* node) {
     if (!ui_ || !obj) return;
     edited_ = obj;
     obj->BeginEditParams(&ip_, 0, nullptr);
+    rebuildModeBar();
 }
 
 void MainWindow::endEditing() {
@@ -337,6 +404,7 @@ void MainWindow::endEditing() {
     mq::Object* obj = edited_;
     edited_ = nullptr;
     obj->EndEditParams(&ip_, 0, nullptr);
+    rebuildModeBar();
 }
 
 void MainWindow::withEditingClosed(const std::function<void()>& change) {
@@ -490,8 +558,7 @@ bool MainWindow::mergeFile(const QString& path) {
     return true;
 }
 
-mq::Node* MainWindow::createObject(const QString& internalName) {
-    if (rendering()) return nullptr;
+mq::Node* MainWindow::makeNode(const QString& internalName) {
     mq::ClassDesc* cd = mq::classDirectory().findByInternalName(internalName.toStdString());
     mq::Object* obj = cd ? mq::createObject(cd->SuperClassID(), cd->ClassID()) : nullptr;
     if (!obj) {
@@ -502,11 +569,39 @@ mq::Node* MainWindow::createObject(const QString& internalName) {
     auto node = std::make_unique<mq::Node>(ip_.scene().uniqueName(base));
     node->SetObjectRef(obj);
     const std::string label = internalName == kMosaiqClass ? "Mosaiq" : cd->ClassName();
-    mq::Node* n = studio::createNode(ip_.scene(), std::move(node), "Create " + label);
+    return studio::createNode(ip_.scene(), std::move(node), "Create " + label);
+}
+
+mq::Node* MainWindow::createObject(const QString& internalName) {
+    if (rendering()) return nullptr;
+    mq::Node* n = makeNode(internalName);
+    if (!n) return nullptr;
     refresh();
     emit sceneChanged();
     select(n);
     return n;
+}
+
+void MainWindow::beginCreateByClick(const QString& internalName) {
+    if (rendering()) return;
+    // Without a viewport there is nowhere to click: the object is made at once.
+    if (!viewport_) {
+        createObject(internalName);
+        return;
+    }
+    mq::ClassDesc* cd = mq::classDirectory().findByInternalName(internalName.toStdString());
+    if (!cd) {
+        reportError(tr("Create"), tr("Class %1 is not available").arg(internalName));
+        return;
+    }
+    const QString label =
+        internalName == kMosaiqClass ? "Mosaiq" : QString::fromUtf8(cd->ClassName());
+    // The object's panels close first: the new node is selected once made.
+    select(nullptr);
+    viewport_->beginCreate([this, internalName] { return makeNode(internalName); },
+                           tr("Create %1").arg(label));
+    viewport_->setFocus();
+    prompt(tr("Click in the viewport to create a %1; right click or Escape cancels").arg(label));
 }
 
 void MainWindow::deleteSelected() {

@@ -18,6 +18,7 @@ class QLabel;
 class QMenu;
 class QProgressBar;
 class QPushButton;
+class QToolBar;
 class QVBoxLayout;
 
 namespace mosaiq::studio {
@@ -27,6 +28,7 @@ class QtHostUI;
 class RenderJob;
 class RenderView;
 class SceneOutliner;
+class Viewport;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -50,6 +52,9 @@ public:
     bool selectNodeByName(const QString& name);
     mq::Node* selectedNode() const { return selected_; }
     mq::Node* createObject(const QString& internalName);
+    // Put the viewport in a creation mode for the class: the next click
+    // there creates it (one undo step); Escape or a right click cancels.
+    void beginCreateByClick(const QString& internalName);
     void deleteSelected();
     void undo();
     void redo();
@@ -84,6 +89,9 @@ public:
                             const std::function<void(QWidget& browser)>& shown = {});
 
     SceneOutliner* outliner() const { return outliner_; }
+    Viewport* viewport() const { return viewport_; }
+    // The edited object's command modes, one checkable button each.
+    QToolBar* modeBar() const { return modeBar_; }
     ImageWindow* imageWindow() const { return imageWindow_.get(); }
     RenderView* renderView() const { return renderView_; }
     mq::HostInterface& host() { return ip_; }
@@ -113,6 +121,12 @@ private:
     void markSavedAs(const QString& path);
     void refresh();  // outliner, titles, enabled states
     void select(mq::Node* node);
+    // A click on a node in the outliner or the viewport: picks while a pick
+    // button waits, selects otherwise.
+    void nodeClicked(mq::Node* node);
+    void rebuildModeBar();
+    // A new node of the class under the root, as the step "Create <label>".
+    mq::Node* makeNode(const QString& internalName);
     void beginEditing(mq::Node* node);
     // Undo and redo may delete the edited object: its rollouts close first.
     void withEditingClosed(const std::function<void()>& change);
@@ -134,6 +148,8 @@ private:
     QString renderOutput_;
 
     SceneOutliner* outliner_;
+    Viewport* viewport_;
+    QToolBar* modeBar_;
     QVBoxLayout* panelLayout_;
     QWidget* commandPanel_ = nullptr;
     std::unique_ptr<ImageWindow> imageWindow_;
