@@ -233,7 +233,9 @@ TEST(SpinnerText, WorldFieldsShowAndTakeTheScenesUnit) {
         SCOPED_TRACE(std::string(c.text) + " in " + unitName(c.unit));
         const std::optional<double> v = parseSpinnerText(c.text, c.type, c.unit);
         ASSERT_EQ(v.has_value(), c.value.has_value());
-        if (v) EXPECT_NEAR(*v, *c.value, 1e-12 * std::abs(*c.value));
+        if (v) {
+            EXPECT_NEAR(*v, *c.value, 1e-12 * std::abs(*c.value));
+        }
     }
     // What a field shows reads back as the value, in every unit.
     for (const std::string& name : unitNames()) {
