@@ -128,7 +128,11 @@ int main(int argc, char** argv) {
             }
             mosaiq::studio::Viewport& view = *window.viewport();
             QApplication::processEvents();
-            view.frameAll();
+            // A selected node is what the user asked to see.
+            if (view.selection())
+                view.frameSelection();
+            else
+                view.frameAll();
             const QImage image = view.grabFramebuffer();
             if (!view.glError().isEmpty() || image.isNull())
                 code = fail(kExitOutput, "--grab viewport: no OpenGL 3.3 context (" +

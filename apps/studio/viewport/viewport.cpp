@@ -471,6 +471,15 @@ void Viewport::dolly(float dy) {
 
 Box3 Viewport::worldBounds(mq::Node* node) {
     mq::Object* obj = node->GetObjectRef();
+    if (obj && obj->hasOwnDisplay()) {
+        // What the object draws is where it is: record one drawing. Any
+        // camera does (the view's own needs these bounds for its clipping).
+        const mq::ViewCamera any;
+        mq::HitTestWindow recorder(any);
+        mq::CameraViewExp vpt(any, recorder);
+        obj->Display(ip_.GetTime(), node, vpt, 0);
+        return recorder.drawn().bounds;
+    }
     Box3 local;
     const auto it = meshes_.find(node);
     if (it != meshes_.end() && it->second->obj == obj)
@@ -490,7 +499,7 @@ Box3 Viewport::worldBounds(mq::Node* node) {
 Box3 Viewport::sceneBounds() {
     Box3 box;
     for (mq::Node* n : ip_.scene().allNodes())
-        if (!n->GetObjectRef() || !n->GetObjectRef()->hasOwnDisplay()) box += worldBounds(n);
+        box += worldBounds(n);
     return box;
 }
 
