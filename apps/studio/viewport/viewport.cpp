@@ -498,8 +498,7 @@ Box3 Viewport::worldBounds(mq::Node* node) {
 
 Box3 Viewport::sceneBounds() {
     Box3 box;
-    for (mq::Node* n : ip_.scene().allNodes())
-        box += worldBounds(n);
+    for (mq::Node* n : ip_.scene().allNodes()) box += worldBounds(n);
     return box;
 }
 
