@@ -142,6 +142,8 @@ int main(int argc, char** argv) {
             else if (!image.save(file, "PNG"))
                 code = fail(kExitOutput, file + ": could not write the picture");
         } else {
+            if (window.viewport() && window.viewport()->selection())
+                window.viewport()->frameSelection();
             save(grabWhat == "command-panel" ? *window.commandPanel() : window);
         }
         app.quit();

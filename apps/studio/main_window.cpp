@@ -21,6 +21,7 @@
 #include <QCloseEvent>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QGridLayout>
 #include <QLabel>
 #include <QMenuBar>
 #include <QProgressBar>
@@ -29,6 +30,7 @@
 #include <QSplitter>
 #include <QStatusBar>
 #include <QToolBar>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -94,7 +96,11 @@ MainWindow::MainWindow(mq::HostInterface& ip, QWidget* parent)
     panelHolder->setObjectName("commandPanelSlot");
     panelLayout_ = new QVBoxLayout(panelHolder);
     panelLayout_->setContentsMargins(0, 0, 0, 0);
-    modeBar_ = new QToolBar(panelHolder);
+    // A grid of buttons rather than a tool bar: five mode names do not fit
+    // a rollout's width in one row.
+    modeBar_ = new QWidget(panelHolder);
+    new QGridLayout(modeBar_);
+    modeBar_->layout()->setContentsMargins(2, 2, 2, 2);
     modeBar_->setObjectName("commandModes");
     modeBar_->setVisible(false);
     panelLayout_->addWidget(modeBar_);
@@ -357,9 +363,16 @@ void MainWindow::nodeClicked(mq::Node* n) {
 }
 
 void MainWindow::rebuildModeBar() {
-    modeBar_->clear();
+    for (QAction* a : modeBar_->actions()) delete a;
+    for (QToolButton* b : modeBar_->findChildren<QToolButton*>()) delete b;
+    auto* grid = static_cast<QGridLayout*>(modeBar_->layout());
+    int at = 0;
     for (mq::CommandMode* mode : ip_.commandModes()) {
-        QAction* a = modeBar_->addAction(QString::fromUtf8(mode->name()));
+        // "Move Crop Box" shows as "Move": every button here works on the crop box.
+        QString label = QString::fromUtf8(mode->name());
+        label.remove(QStringLiteral(" Crop Box"));
+        auto* a = new QAction(label, modeBar_);
+        a->setToolTip(QString::fromUtf8(mode->name()));
         a->setCheckable(true);
         a->setData(QVariant::fromValue(static_cast<void*>(mode)));
         a->setChecked(ip_.GetCommandMode() == mode);
@@ -367,6 +380,12 @@ void MainWindow::rebuildModeBar() {
         connect(a, &QAction::triggered, this, [this, mode] {
             ip_.SetCommandMode(ip_.GetCommandMode() == mode ? nullptr : mode);
         });
+        modeBar_->addAction(a);
+        auto* button = new QToolButton(modeBar_);
+        button->setDefaultAction(a);
+        button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+        grid->addWidget(button, at / 2, at % 2);
+        ++at;
     }
     modeBar_->setVisible(!ip_.commandModes().empty());
 }

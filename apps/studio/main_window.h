@@ -91,7 +91,7 @@ public:
     SceneOutliner* outliner() const { return outliner_; }
     Viewport* viewport() const { return viewport_; }
     // The edited object's command modes, one checkable button each.
-    QToolBar* modeBar() const { return modeBar_; }
+    QWidget* modeBar() const { return modeBar_; }
     ImageWindow* imageWindow() const { return imageWindow_.get(); }
     RenderView* renderView() const { return renderView_; }
     mq::HostInterface& host() { return ip_; }
@@ -149,7 +149,7 @@ private:
 
     SceneOutliner* outliner_;
     Viewport* viewport_;
-    QToolBar* modeBar_;
+    QWidget* modeBar_;
     QVBoxLayout* panelLayout_;
     QWidget* commandPanel_ = nullptr;
     std::unique_ptr<ImageWindow> imageWindow_;
