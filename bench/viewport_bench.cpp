@@ -1,6 +1,7 @@
 // Frame time of the studio's OpenGL viewport on a 1M-triangle scene (a
-// sphere of 1000 x 500 segments), perspective and selected (outline pass),
-// measured with the GPU finished each frame. Needs a display: run under
+// sphere of 1000 x 500 segments): still, selected (outline pass) and while
+// the view moves (the coarse stand-in), measured with the GPU finished
+// each frame. Needs a display: run under
 // xvfb-run -a build/release/bin/viewport_bench for Mesa's llvmpipe.
 #include "viewport/viewport.h"
 
@@ -47,7 +48,8 @@ void BM_ViewportFrame(benchmark::State& state) {
         state.SkipWithError("no OpenGL 3.3 core context: run under xvfb-run -a");
         return;
     }
-    view.setSelection(state.range(0) ? n : nullptr);
+    view.setSelection(state.range(0) == 1 ? n : nullptr);
+    view.setMoving(state.range(0) == 2);
     view.frameAll();
     view.drawNow();  // uploads the mesh
     double total = 0;
@@ -56,7 +58,8 @@ void BM_ViewportFrame(benchmark::State& state) {
     state.counters["fps"] = 1000.0 * state.iterations() / total;
     state.counters["triangles"] = double(n->GetObjectRef() ? 1000 * 500 * 2 : 0);
 }
-BENCHMARK(BM_ViewportFrame)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+// 0: still, 1: selected, 2: while the view moves (the coarse stand-in).
+BENCHMARK(BM_ViewportFrame)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 
 }  // namespace
 

@@ -11,6 +11,8 @@
 #include <QStandardPaths>
 #include <QtTest>
 
+#include <cmath>
+
 using mosaiq::studio::MainWindow;
 using mosaiq::studio::Viewport;
 
@@ -148,6 +150,41 @@ private slots:
             QVERIFY(hi[0] - lo[0] > 0.45f * w || hi[1] - lo[1] > 0.45f * h);
             QVERIFY(hi[0] - lo[0] <= w && hi[1] - lo[1] <= h);
         }
+    }
+
+    // While the view moves a heavy mesh draws a coarse stand-in that looks
+    // like it; full detail comes back when it stops.
+    void movingViewDrawsAStandIn() {
+        mq::Mesh grid;
+        const int n = 300;  // 180,000 triangles of a wavy sheet
+        for (int j = 0; j <= n; ++j)
+            for (int i = 0; i <= n; ++i)
+                grid.verts.push_back({float(i), float(j), 8.0f * std::sin(i * 0.05f)});
+        for (int j = 0; j < n; ++j)
+            for (int i = 0; i < n; ++i) {
+                const uint32_t a = j * (n + 1) + i, b = a + 1, c = a + n + 1, d = c + 1;
+                mq::Face f1, f2;
+                f1.v[0] = a, f1.v[1] = b, f1.v[2] = d;
+                f2.v[0] = a, f2.v[1] = d, f2.v[2] = c;
+                grid.faces.push_back(f1);
+                grid.faces.push_back(f2);
+            }
+        auto node = std::make_unique<mq::Node>("Sheet");
+        node->SetObjectRef(new mq::TriObject(std::move(grid)));
+        host_->scene().root()->attachChild(std::move(node));
+        view_->frameAll();
+        const QImage still = view_->grabFramebuffer();
+        view_->setMoving(true);
+        const QImage moving = view_->grabFramebuffer();
+        view_->setMoving(false);
+        QCOMPARE(moving.size(), still.size());
+        QVERIFY2(moving != still, "the stand-in is drawn");
+        double diff = 0;
+        for (int y = 0; y < still.height(); ++y)
+            for (int x = 0; x < still.width(); ++x)
+                diff += std::abs(qGray(still.pixel(x, y)) - qGray(moving.pixel(x, y)));
+        QVERIFY2(diff / (still.width() * still.height()) < 4.0, qPrintable(QString::number(diff)));
+        QVERIFY(view_->grabFramebuffer() == still);
     }
 
     void createByClickAndCancel() {

@@ -21,6 +21,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace mosaiq::studio {
 
@@ -37,6 +39,10 @@ struct GpuMesh {
     std::vector<int> indices;
     Box3 bounds;  // object space
     GLuint vao = 0, vbo = 0, ibo = 0;
+    // A coarse stand-in drawn while the view moves (heavy meshes only): the
+    // same vertices, fewer triangles. proxyVao 0: none.
+    GLuint proxyVao = 0, proxyIbo = 0;
+    GLsizei proxyCount = 0;
 };
 
 struct GlResources {
@@ -52,6 +58,43 @@ constexpr float kOrbitRate = 0.006f;  // radians per pixel
 constexpr float kZoomStep = 0.85f;    // per wheel notch
 // Above this a selected mesh shows its bounds, not a silhouette.
 constexpr int kOutlineTriangles = 200000;
+// Meshes above this get a coarse stand-in for drawing while the view moves,
+// clustered on a grid of this many cells along the longest side: a software
+// OpenGL draws a million triangles at a few frames a second.
+constexpr int kProxyTriangles = 150000;
+constexpr int kProxyCells = 64;
+// How long after the last wheel notch the view still counts as moving.
+constexpr int kSettleMs = 250;
+
+// Vertex clustering: each vertex snaps to the first vertex seen in its grid
+// cell; triangles whose corners meet in fewer than three cells vanish, and
+// repeats are dropped. The indices refer to the original vertices.
+std::vector<int> clusterProxy(const std::vector<Point3>& verts, const std::vector<int>& indices,
+                              const Box3& bounds) {
+    const Point3 extent = bounds.Width();
+    const float cell = std::max({extent.x, extent.y, extent.z, 1e-20f}) / float(kProxyCells);
+    std::unordered_map<uint64_t, int> firstInCell;
+    std::vector<int> rep(verts.size());
+    for (size_t i = 0; i < verts.size(); ++i) {
+        const Point3 q = (verts[i] - bounds.pmin) * (1.0f / cell);
+        const auto c = [](float v) { return uint64_t(std::clamp(v, 0.0f, 1048575.0f)); };
+        const uint64_t key = c(q.x) | c(q.y) << 20 | c(q.z) << 40;
+        rep[i] = firstInCell.try_emplace(key, int(i)).first->second;
+    }
+    std::vector<int> out;
+    std::unordered_set<uint64_t> seen;
+    for (size_t t = 0; t + 2 < indices.size(); t += 3) {
+        int a = rep[indices[t]], b = rep[indices[t + 1]], c = rep[indices[t + 2]];
+        if (a == b || b == c || a == c) continue;
+        int k[3] = {a, b, c};
+        std::sort(k, k + 3);
+        // Vertex indices of one mesh fit 21 bits each for any mesh this is worth it on.
+        const uint64_t key = uint64_t(k[0]) | uint64_t(k[1]) << 21 | uint64_t(k[2]) << 42;
+        if (!seen.insert(key).second) continue;
+        out.insert(out.end(), {a, b, c});
+    }
+    return out;
+}
 const Point3 kClay{0.68f, 0.67f, 0.64f};
 const Point3 kSelected{1.0f, 0.92f, 0.55f};
 const Point3 kWire{0.55f, 0.62f, 0.72f};
@@ -199,6 +242,8 @@ Matrix3 orthoFrame(int which) {
 
 Viewport::Viewport(mq::HostInterface& ip, QWidget* parent)
     : QOpenGLWidget(parent), ip_(ip), batch_(std::make_unique<BatchWindow>()) {
+    settle_.setSingleShot(true);
+    connect(&settle_, &QTimer::timeout, this, [this] { setMoving(false); });
     QSurfaceFormat format;
     format.setVersion(3, 3);
     format.setProfile(QSurfaceFormat::CoreProfile);
@@ -634,6 +679,7 @@ void Viewport::updateMeshes() {
         f->glBufferData(GL_ELEMENT_ARRAY_BUFFER, m->indices.size() * sizeof(int), m->indices.data(),
                         GL_STATIC_DRAW);
         f->glBindVertexArray(0);
+        uploadProxy(*m);
         kept[node] = std::move(m);
     }
     for (auto& [node, m] : meshes_)
@@ -641,9 +687,45 @@ void Viewport::updateMeshes() {
             f->glDeleteVertexArrays(1, &m->vao);
             f->glDeleteBuffers(1, &m->vbo);
             f->glDeleteBuffers(1, &m->ibo);
+            f->glDeleteVertexArrays(1, &m->proxyVao);
+            f->glDeleteBuffers(1, &m->proxyIbo);
         }
     meshes_ = std::move(kept);
     builtStamp_ = stamp;
+}
+
+void Viewport::uploadProxy(GpuMesh& m) {
+    auto* f = gl_->f;
+    if (m.indices.size() / 3 <= size_t(kProxyTriangles) || m.verts.size() >= (1u << 21)) {
+        m.proxyCount = 0;
+        return;
+    }
+    const std::vector<int> proxy = clusterProxy(m.verts, m.indices, m.bounds);
+    if (!m.proxyVao) {
+        f->glGenVertexArrays(1, &m.proxyVao);
+        f->glGenBuffers(1, &m.proxyIbo);
+    }
+    f->glBindVertexArray(m.proxyVao);
+    f->glBindBuffer(GL_ARRAY_BUFFER, m.vbo);
+    f->glEnableVertexAttribArray(0);
+    f->glVertexAttribPointer(0, 3, GL_FLOAT, GL_FALSE, sizeof(Point3), nullptr);
+    f->glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, m.proxyIbo);
+    f->glBufferData(GL_ELEMENT_ARRAY_BUFFER, proxy.size() * sizeof(int), proxy.data(),
+                    GL_STATIC_DRAW);
+    f->glBindVertexArray(0);
+    m.proxyCount = GLsizei(proxy.size());
+}
+
+void Viewport::setMoving(bool moving) {
+    if (moving_ == moving) return;
+    moving_ = moving;
+    // Full detail once the view settles.
+    if (!moving) update();
+}
+
+void Viewport::settleLater() {
+    setMoving(true);
+    settle_.start(kSettleMs);
 }
 
 // ---- Drawing ----
@@ -799,8 +881,9 @@ void Viewport::paintGL() {
         float model[16];
         toGL(node->GetObjectTM(t), model);
         p.setUniformValue("model", QMatrix4x4(model).transposed());
-        f->glBindVertexArray(m->vao);
-        const GLsizei count = GLsizei(m->indices.size());
+        const bool coarse = moving_ && m->proxyCount > 0;
+        f->glBindVertexArray(coarse ? m->proxyVao : m->vao);
+        const GLsizei count = coarse ? m->proxyCount : GLsizei(m->indices.size());
         const bool selected = node == selected_;
         if (shading_ == Shading::Wireframe) {
             f->glPolygonMode(GL_FRONT_AND_BACK, GL_LINE);
@@ -976,6 +1059,7 @@ void Viewport::mousePressEvent(QMouseEvent* event) {
     const bool modeMouse = mode && mode->MouseProc();
     if (alt && b == Qt::LeftButton) {
         drag_ = Drag::Orbit;
+        setMoving(true);
         orbitCentre_ = pivot_;
         if (selected_) {
             const Box3 box = worldBounds(selected_);
@@ -983,8 +1067,10 @@ void Viewport::mousePressEvent(QMouseEvent* event) {
         }
     } else if (b == Qt::MiddleButton) {
         drag_ = Drag::Pan;
+        setMoving(true);
     } else if (alt && b == Qt::RightButton) {
         drag_ = Drag::Dolly;
+        setMoving(true);
     } else if (creating()) {
         if (b == Qt::RightButton) {
             creatingNode_ ? endCreate(false) : cancelCreate();
@@ -1039,6 +1125,7 @@ void Viewport::mouseMoveEvent(QMouseEvent* event) {
 void Viewport::mouseReleaseEvent(QMouseEvent* event) {
     const Drag was = drag_;
     drag_ = Drag::None;
+    if (was == Drag::Orbit || was == Drag::Pan || was == Drag::Dolly) setMoving(false);
     const QPoint at = event->position().toPoint();
     if (was == Drag::Click) {
         if ((at - pressAt_).manhattanLength() <= kClickSlop) emit nodeClicked(pick(at.x(), at.y()));
@@ -1051,6 +1138,7 @@ void Viewport::mouseReleaseEvent(QMouseEvent* event) {
 
 void Viewport::wheelEvent(QWheelEvent* event) {
     const QPointF at = event->position();
+    settleLater();
     zoomAt(float(at.x()), float(at.y()), event->angleDelta().y() / 120.0f);
     event->accept();
 }

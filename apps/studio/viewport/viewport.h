@@ -9,6 +9,7 @@
 #include "host/view_camera.h"
 
 #include <QOpenGLWidget>
+#include <QTimer>
 
 #include <functional>
 #include <memory>
@@ -74,6 +75,11 @@ public:
     double lastFrameMs() const { return lastFrameMs_; }
     // Draw one frame now and wait for the GPU; returns its time in ms.
     double drawNow();
+    // While the view moves (a navigation drag, the wheel), heavy meshes draw
+    // a coarse stand-in so the view keeps up; full detail returns when it
+    // stops. Set by the mouse; public for benchmarks.
+    void setMoving(bool moving);
+    bool moving() const { return moving_; }
     // The view, shading and framing commands, with their keys, for menus.
     const QList<QAction*>& viewActions() const { return viewActions_; }
 
@@ -100,6 +106,8 @@ private:
 
     void requestRedraw();
     void updateMeshes();
+    void uploadProxy(GpuMesh& m);
+    void settleLater();
     GpuMesh* meshFor(mq::Node* node);
     mq::Box3 worldBounds(mq::Node* node);
     mq::Box3 sceneBounds();
@@ -142,6 +150,8 @@ private:
     double lastFrameMs_ = 0;
 
     Drag drag_ = Drag::None;
+    bool moving_ = false;
+    QTimer settle_;
     QPoint pressAt_, lastAt_;
     mq::Point3 orbitCentre_;
     int modePoint_ = 0;
