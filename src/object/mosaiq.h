@@ -158,6 +158,8 @@ public:
     bool hasOwnDisplay() const override { return true; }
     int Display(mq::TimeValue t, mq::Node* node, mq::ViewExp& vpt, int flags) override;
     int HitTest(mq::TimeValue t, mq::Node* node, int flags, mq::ViewExp& vpt) override;
+    // The logo and the crop box, which both drawing and hit testing go through.
+    void drawLogoAndBox(mq::GraphicsWindow& gw, mq::Node* node, mq::TimeValue t, bool selected);
     mq::CreateMouseCallBack* GetCreateMouseCallBack() override { return &createCallBack_; }
     void ReleaseInterface(uint32_t id, void* i) override;
     mq::IOResult Save(mq::ISave* isave) override;

@@ -108,24 +108,27 @@ CropFrame Mosaiq::cropFrame(Node* node) const {
     return f;
 }
 
+void Mosaiq::drawLogoAndBox(GraphicsWindow& gw, Node* node, TimeValue t, bool selected) {
+    const LogoMesh& logo = logoMesh();
+    gw.setTransform(logoToWorld(node, t, pblock_->GetFloat(kDummySize, 0)));
+    gw.setColor(selected ? kLogoSelColor : kLogoColor);
+    gw.triangles(logo.verts.data(), int(logo.verts.size()), logo.indices.data(),
+                 logo.triangleCount());
+    Point3 edges[24];
+    const CropFrame frame = cropFrame(node);
+    cropBoxEdges(frame.boxToWorld, frame.size, edges);
+    gw.setTransform(Matrix3());
+    gw.setColor(selected ? kBoxSelColor : kBoxColor);
+    gw.segments(edges, 24);
+}
+
 int Mosaiq::Display(TimeValue t, Node* node, ViewExp& vpt, int flags) {
     if (!pblock_) return 0;
     // Runs every frame for every view: only reads, nothing is built.
     MQ_BOUNDARY_BEGIN
     GraphicsWindow& gw = vpt.getGW();
     const bool selected = flags & DISP_SELECTED;
-    const LogoMesh& logo = logoMesh();
-    gw.setTransform(logoToWorld(node, t, pblock_->GetFloat(kDummySize, 0)));
-    gw.setColor(selected ? kLogoSelColor : kLogoColor);
-    gw.triangles(logo.verts.data(), int(logo.verts.size()), logo.indices.data(),
-                 logo.triangleCount());
-
-    const CropFrame frame = cropFrame(node);
-    Point3 edges[24];
-    cropBoxEdges(frame.boxToWorld, frame.size, edges);
-    gw.setTransform(Matrix3());
-    gw.setColor(selected ? kBoxSelColor : kBoxColor);
-    gw.segments(edges, 24);
+    drawLogoAndBox(gw, node, t, selected);
 
     // Only the points of the pattern now chosen: a store sampled from
     // another node, or loaded from a file, would show in the wrong place.
@@ -134,7 +137,7 @@ int Mosaiq::Display(TimeValue t, Node* node, ViewExp& vpt, int flags) {
     const bool storeMatches =
         fromScene ? pattern && pattern->GetHandle() == sampledNodeHandle_ : sampledNodeHandle_ == 0;
     if (patternStore_->valid && storeMatches) {
-        gw.setTransform(frame.pointsToWorld);
+        gw.setTransform(cropFrame(node).pointsToWorld);
         gw.setColor(selected ? kPointSelColor : kPointColor);
         gw.points(patternStore_->points.data(), PatternPointCloud::kPointCount, 1.5f);
     }
@@ -149,15 +152,7 @@ int Mosaiq::HitTest(TimeValue t, Node* node, int flags, ViewExp& vpt) {
     // points are left out: 10,000 dots would make the whole box a target.
     GraphicsWindow& gw = vpt.getGW();
     gw.clearHitCode();
-    const LogoMesh& logo = logoMesh();
-    gw.setTransform(logoToWorld(node, t, pblock_->GetFloat(kDummySize, 0)));
-    gw.triangles(logo.verts.data(), int(logo.verts.size()), logo.indices.data(),
-                 logo.triangleCount());
-    const CropFrame frame = cropFrame(node);
-    Point3 edges[24];
-    cropBoxEdges(frame.boxToWorld, frame.size, edges);
-    gw.setTransform(Matrix3());
-    gw.segments(edges, 24);
+    drawLogoAndBox(gw, node, t, false);
     return gw.checkHitCode() ? 1 : 0;
     MQ_BOUNDARY_END(reportError)
     return 0;

@@ -65,10 +65,7 @@ private slots:
     // the outliner, and close before an undo deletes their object.
     void rolloutsFollowTheSelection() {
         MainWindow& w = *window_;
-        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
-        mosaiq::studio::QtHostUI* ui = owned.get();
-        host_->setUI(std::move(owned));
-        w.attachUI(ui);
+        mosaiq::studio::QtHostUI* ui = attachQtUI();
         QVERIFY(w.openScene(kSimple));
         QVERIFY(w.selectNodeByName("Mosaiq001"));
         const std::vector<std::string> pages = ui->pageTitles();
@@ -106,10 +103,7 @@ private slots:
     // takes the chosen file as its pattern.
     void libraryBrowserChoosesThePatternFile() {
         MainWindow& w = *window_;
-        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
-        mosaiq::studio::QtHostUI* ui = owned.get();
-        host_->setUI(std::move(owned));
-        w.attachUI(ui);
+        mosaiq::studio::QtHostUI* ui = attachQtUI();
         QVERIFY(w.openScene(kSimple));
         const QString folder = QStringLiteral(MOSAIQ_SOURCE_DIR "/examples/patterns");
         bool shown = false;
@@ -183,10 +177,7 @@ private slots:
     // and take others, converted.
     void unitsSetupLabelsWorldFields() {
         MainWindow& w = *window_;
-        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
-        mosaiq::studio::QtHostUI* ui = owned.get();
-        host_->setUI(std::move(owned));
-        w.attachUI(ui);
+        mosaiq::studio::QtHostUI* ui = attachQtUI();
         QVERIFY(w.openScene(kSimple));
         QVERIFY(w.selectNodeByName("Mosaiq001"));
         constexpr int kShiftEdit = 1195;
@@ -363,6 +354,15 @@ private slots:
     }
 
 private:
+    // The panels as the studio shows them: the host owns the UI, the window shows it.
+    mosaiq::studio::QtHostUI* attachQtUI() {
+        auto owned = std::make_unique<mosaiq::studio::QtHostUI>(96.0);
+        mosaiq::studio::QtHostUI* ui = owned.get();
+        host_->setUI(std::move(owned));
+        window_->attachUI(ui);
+        return ui;
+    }
+
     std::unique_ptr<mq::HostInterface> host_;
     std::unique_ptr<MainWindow> window_;
     QStringList errors_;
